@@ -2,7 +2,20 @@
 # Installs the Debian packages that building and testing qvexfat-test need,
 # and only those that are missing. Quiet when everything is there. Works as
 # root and, for other users, through sudo.
+#
+#   scripts/install-deps.sh            native (amd64) build and tests
+#   scripts/install-deps.sh --aarch64  also the arm64 cross compiler, the
+#                                      arm64 libraries and qemu-user to run
+#                                      the aarch64 build's tests
 set -euo pipefail
+
+aarch64=false
+for arg in "$@"; do
+  case "$arg" in
+    --aarch64) aarch64=true ;;
+    *) echo "usage: $0 [--aarch64]" >&2; exit 2 ;;
+  esac
+done
 
 packages=(
   g++ cmake ninja-build pkg-config
@@ -10,11 +23,30 @@ packages=(
   exfatprogs exfat-fuse fuse3 libfuse3-dev
   util-linux
 )
+if $aarch64; then
+  # libc6:arm64 is what qemu-user runs the target programs with;
+  # libfuse3-dev:arm64 because the tests' FUSE filesystem is built with the
+  # rest of the test suite for the target.
+  packages+=(
+    g++-aarch64-linux-gnu qemu-user libc6:arm64
+    libfmt-dev:arm64 libboost-filesystem-dev:arm64 libboost-system-dev:arm64
+    libgtest-dev:arm64 libfuse3-dev:arm64
+  )
+fi
+
+# A plain name must be installed for the native architecture (or be
+# architecture-independent); once arm64 is added, dpkg-query lists both.
+native=$(dpkg --print-architecture)
+installed() {
+  local name=${1%%:*} arch=${1#*:}
+  [[ "$arch" == "$1" ]] && arch=$native
+  dpkg-query -W -f='${Status} ${Architecture}\n' "$name" 2>/dev/null |
+    grep -qE "^install ok installed ($arch|all)\$"
+}
 
 missing=()
 for package in "${packages[@]}"; do
-  status=$(dpkg-query -W -f='${Status}' "$package" 2>/dev/null || true)
-  [[ "$status" == "install ok installed" ]] || missing+=("$package")
+  installed "$package" || missing+=("$package")
 done
 [[ ${#missing[@]} -eq 0 ]] && exit 0
 
@@ -22,6 +54,11 @@ as_root=()
 if [[ $(id -u) -ne 0 ]]; then
   command -v sudo >/dev/null || { echo "install-deps: run as root or install sudo" >&2; exit 1; }
   as_root=(sudo)
+fi
+
+if $aarch64 && ! dpkg --print-foreign-architectures | grep -qx arm64; then
+  echo "install-deps: adding the arm64 architecture"
+  "${as_root[@]}" dpkg --add-architecture arm64
 fi
 
 echo "install-deps: installing ${missing[*]}"

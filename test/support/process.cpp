@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <stdexcept>
 
 #ifndef QVEXFAT_BINARY
@@ -25,10 +26,62 @@ void CloseIfOpen(int& fd) {
   fd = -1;
 }
 
+// The ELF class, data encoding and machine of an executable ("" when it is
+// not an ELF file), enough to tell whether it was built for this program's
+// target or for the host.
+std::string ElfMachine(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  unsigned char header[20] = {};
+  if (!in.read(reinterpret_cast<char*>(header), sizeof header)) return "";
+  if (header[0] != 0x7f || header[1] != 'E' || header[2] != 'L' || header[3] != 'F') return "";
+  // e_ident[EI_CLASS], e_ident[EI_DATA] and the two bytes of e_machine.
+  return std::string{static_cast<char>(header[4]), static_cast<char>(header[5]),
+                     static_cast<char>(header[18]), static_cast<char>(header[19])};
+}
+
+// qemu-user reports a guest killed by a signal with a line of its own on the
+// guest's standard error; that line is the emulator's, not the program's.
+void DropEmulatorSignalLine(std::string& err) {
+  static const std::string kPrefix = "qemu: uncaught target signal ";
+  if (err.empty() || err.back() != '\n') return;
+  const size_t line = err.rfind('\n', err.size() - 2);
+  const size_t start = line == std::string::npos ? 0 : line + 1;
+  if (err.compare(start, kPrefix.size(), kPrefix) == 0) err.erase(start);
+}
+
 }  // namespace
 
-ProcessResult RunProcess(const std::vector<std::string>& argv, const ProcessOptions& options) {
-  if (argv.empty()) throw std::runtime_error("RunProcess: empty argv");
+std::vector<std::string> EmulatorCommand() {
+#ifdef QVEXFAT_EMULATOR
+  // A '|'-separated command line, e.g. "qemu-aarch64|-L|/usr/aarch64-linux-gnu".
+  std::vector<std::string> command;
+  std::string words = QVEXFAT_EMULATOR;
+  size_t start = 0;
+  for (size_t bar; (bar = words.find('|', start)) != std::string::npos; start = bar + 1)
+    command.push_back(words.substr(start, bar - start));
+  command.push_back(words.substr(start));
+  return command;
+#else
+  return {};
+#endif
+}
+
+std::vector<std::string> TargetCommand(const std::vector<std::string>& argv) {
+  const std::vector<std::string> emulator = EmulatorCommand();
+  if (emulator.empty() || argv.empty() || argv[0].find('/') == std::string::npos) return argv;
+  // Under qemu-user /proc/self/exe is this test program, built for the target.
+  static const std::string target = ElfMachine("/proc/self/exe");
+  if (target.empty() || ElfMachine(argv[0]) != target) return argv;
+  std::vector<std::string> command = emulator;
+  command.insert(command.end(), argv.begin(), argv.end());
+  return command;
+}
+
+ProcessResult RunProcess(const std::vector<std::string>& program_argv,
+                         const ProcessOptions& options) {
+  if (program_argv.empty()) throw std::runtime_error("RunProcess: empty argv");
+  const std::vector<std::string> argv = TargetCommand(program_argv);
+  const bool emulated = argv.size() != program_argv.size();
   int in_pipe[2], out_pipe[2], err_pipe[2];
   if (pipe2(in_pipe, O_CLOEXEC) != 0 || pipe2(out_pipe, O_CLOEXEC) != 0 ||
       pipe2(err_pipe, O_CLOEXEC) != 0)
@@ -109,6 +162,7 @@ ProcessResult RunProcess(const std::vector<std::string>& argv, const ProcessOpti
     result.exit_status = WEXITSTATUS(status);
   } else if (WIFSIGNALED(status)) {
     result.signal = WTERMSIG(status);
+    if (emulated) DropEmulatorSignalLine(result.err);
   }
   return result;
 }

@@ -24,9 +24,19 @@ struct ProcessOptions {
 };
 
 // Runs argv[0] (searched in PATH) with the given arguments and collects its
-// output. Never throws for a failing child; throws std::runtime_error when the
-// child cannot be started at all.
+// output. A program built for the target of a cross build runs under the
+// emulator (see TargetCommand). Never throws for a failing child; throws
+// std::runtime_error when the child cannot be started at all.
 ProcessResult RunProcess(const std::vector<std::string>& argv, const ProcessOptions& options = {});
+
+// The command that runs target programs on this host: the cross build's
+// emulator (qemu-user), or empty in a native build.
+std::vector<std::string> EmulatorCommand();
+
+// argv itself, or argv behind EmulatorCommand() when argv[0] is a path to an
+// executable built for the same target as this test program and the build
+// is a cross build. Programs found in PATH (host tools) run as they are.
+std::vector<std::string> TargetCommand(const std::vector<std::string>& argv);
 
 // The built qvexfat-test binary.
 const std::string& ToolPath();
