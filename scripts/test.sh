@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
-# Installs what is missing, then builds and runs the whole test suite twice:
-# the release build and the AddressSanitizer + UndefinedBehaviorSanitizer
-# build. Tests that need a mounted exFAT volume run as root on a machine with
-# FUSE and loop devices.
+# Installs what is missing, then builds and runs the whole test suite three
+# times: the release build, the AddressSanitizer + UndefinedBehaviorSanitizer
+# build, and the aarch64 cross build, whose programs run under qemu-aarch64.
+# Tests that need a mounted exFAT volume run as root on a machine with FUSE
+# and loop devices.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/install-deps.sh
-for preset in release sanitize; do
+scripts/install-deps.sh --aarch64
+for preset in release sanitize aarch64; do
   echo "=== $preset build ==="
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset"
