@@ -38,7 +38,7 @@ class BootSectorChecks : public ::testing::Test {
     std::vector<uint8_t> bytes = m_bytes;
     for (auto [at, value] : edits) bytes[at] = value;
     const std::string path = m_dir / ("damaged" + std::to_string(m_count++) + ".img");
-    WriteBytes(path, 0, bytes);
+    WriteNewFile(path, bytes);
     return path;
   }
 
@@ -220,7 +220,7 @@ TEST(DeviceOpen, ImageShorterThanTheBootRegion) {
   const std::vector<uint8_t> bytes = ReadFileBytes(full);
   for (size_t length : {size_t{0}, size_t{511}, size_t{5 * 512}, size_t{12 * 512 - 1}}) {
     const std::string path = dir / ("short" + std::to_string(length) + ".img");
-    WriteBytes(path, 0, std::vector<uint8_t>(bytes.begin(), bytes.begin() + length));
+    WriteNewFile(path, std::vector<uint8_t>(bytes.begin(), bytes.begin() + length));
     ProcessResult r = RunTool({"-d", path, "-c", "main"});
     EXPECT_EQ(r.exit_status, 255) << length;
     EXPECT_EQ(r.err, AnnouncementLine(path, length) + "\nTest failed: Failed to read main boot\n")
@@ -238,7 +238,7 @@ TEST(DeviceOpen, ImageEndingBeforeItsFat) {
   MakeExfatImage(full, 8ull << 20, 4096);
   const std::vector<uint8_t> bytes = ReadFileBytes(full);
   const std::string path = dir / "cut.img";
-  WriteBytes(path, 0, std::vector<uint8_t>(bytes.begin(), bytes.begin() + 24 * 512));
+  WriteNewFile(path, std::vector<uint8_t>(bytes.begin(), bytes.begin() + 24 * 512));
   ProcessResult r = RunTool({"-d", path, "-c", "fat:start:2:range:1:value:0"});
   EXPECT_EQ(r.exit_status, 255);
   EXPECT_EQ(r.signal, 0);

@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <fstream>
 #include <stdexcept>
 #include <sys/stat.h>
 
@@ -56,6 +57,12 @@ std::vector<uint64_t> DifferingOffsets(const std::vector<uint8_t>& a, const std:
   for (size_t i = 0; i < a.size(); ++i)
     if (a[i] != b[i]) offsets.push_back(i);
   return offsets;
+}
+
+void WriteNewFile(const std::string& path, const std::vector<uint8_t>& bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  if (!out) throw std::runtime_error("cannot write " + path);
 }
 
 std::vector<std::string> Concat(std::vector<std::string> lines, const std::vector<std::string>& more) {

@@ -32,6 +32,9 @@ std::string InvalidClusterLine(uint64_t cluster, const ExfatGeometry& g);
 // Offsets at which two images differ (sizes must match).
 std::vector<uint64_t> DifferingOffsets(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b);
 
+// Creates (or replaces) a file holding exactly `bytes`.
+void WriteNewFile(const std::string& path, const std::vector<uint8_t>& bytes);
+
 // `lines` followed by `more`.
 std::vector<std::string> Concat(std::vector<std::string> lines, const std::vector<std::string>& more);
 

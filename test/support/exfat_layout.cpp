@@ -315,6 +315,13 @@ std::vector<uint64_t> ExfatLayout::Allocate(size_t count, bool contiguous, bool 
   return chosen;
 }
 
+std::vector<uint64_t> ExfatLayout::AllocateEach(size_t count) {
+  std::vector<uint64_t> free = FreeClusters(count);
+  if (free.size() < count) throw std::runtime_error("not enough free clusters");
+  for (uint64_t c : free) AllocateChain({c}, false);
+  return free;
+}
+
 std::vector<uint16_t> ExfatLayout::UpcaseTable() const {
   const StructureEntry upcase = UpcaseEntry();
   std::vector<uint8_t> data;

@@ -160,6 +160,8 @@ class ExfatLayout {
   void AllocateChain(const std::vector<uint64_t>& clusters, bool no_fat_chain);
   // Finds `count` free clusters (contiguous when `contiguous`), allocates them.
   std::vector<uint64_t> Allocate(size_t count, bool contiguous, bool no_fat_chain);
+  // `count` free clusters, each allocated as a one-cluster chain of its own.
+  std::vector<uint64_t> AllocateEach(size_t count);
 
   // The expanded up-case table (65,536 entries), read from the image.
   std::vector<uint16_t> UpcaseTable() const;
