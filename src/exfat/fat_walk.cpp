@@ -50,8 +50,9 @@ bool Fat::LoadAllocationBitmap(uint64_t first_cluster, uint64_t length) {
   const bool copy = !m_allocation_bitmap_loaded;
   if (copy) {
     m_allocation_bitmap_loaded = true;
-    // Grown as sectors arrive rather than sized from the entry's length, so
-    // a hostile length costs no memory that the device does not back.
+    // Only the bits of clusters in range are ever looked at: the bitmap is
+    // kept at that size whatever the entry's length says, and reads as zero
+    // where the on-disk bitmap is shorter.
     m_allocation_bitmap.assign(m_check_bitmap.size(), 0);
   }
   std::vector<uint8_t> sector(SectorBufferSize());
@@ -60,9 +61,10 @@ bool Fat::LoadAllocationBitmap(uint64_t first_cluster, uint64_t length) {
       [&](const SectorChunk& chunk) {
         if (!copy) return true;
         if (!m_device.ReadSectors(1, chunk.sector, sector)) return false;
-        if (m_allocation_bitmap.size() < chunk.offset + chunk.bytes)
-          m_allocation_bitmap.resize(chunk.offset + chunk.bytes, 0);
-        std::memcpy(&m_allocation_bitmap[chunk.offset], sector.data(), chunk.bytes);
+        if (chunk.offset < m_allocation_bitmap.size()) {
+          const uint64_t kept = std::min<uint64_t>(chunk.bytes, m_allocation_bitmap.size() - chunk.offset);
+          std::memcpy(&m_allocation_bitmap[chunk.offset], sector.data(), kept);
+        }
         return true;
       });
 }
