@@ -33,14 +33,12 @@ void WriteSector(DeviceHandle& device, uint64_t number, const Sector& sector, co
 }
 
 // First sector of `cluster`, which must lie in the heap: a cluster the
-// model does not know (such as an up-case table never found) would wrap to
-// a sector outside it, so it fails as the read would.
+// model does not know (such as an up-case table never found, cluster 0)
+// would wrap to a sector outside it, so it fails as an unreadable sector
+// does, naming the sector it would have read.
 uint64_t ClusterSectorOrThrow(const CorruptionTarget& target, uint64_t cluster, const char* read_error) {
   const uint64_t sector = target.boot_sector.ClusterToSector(cluster);
-  if (!target.fat.InRange(cluster)) {
-    target.fat.PrintInvalidCluster(cluster);
-    throw std::runtime_error(fmt::format(fmt::runtime(read_error), sector));
-  }
+  if (!target.fat.InRange(cluster)) throw std::runtime_error(fmt::format(fmt::runtime(read_error), sector));
   return sector;
 }
 
