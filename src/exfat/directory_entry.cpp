@@ -83,7 +83,6 @@ void AddFileName(EntrySet& set, DirectoryEntry e) {
   for (uint32_t i = 0; i < count; ++i) {
     const char16_t unit = static_cast<char16_t>(ReadLe16(&e[kFileName + 2 * i]));
     set.raw_name.push_back(unit);
-    set.name.push_back(static_cast<wchar_t>(unit));
   }
   set.name_chars_left -= count;
   set.computed_checksum = AddEntryToChecksum(set.computed_checksum, e, false);
@@ -103,6 +102,7 @@ std::unique_ptr<EntrySet> ProcessSecondary(DirectoryScan& scan, DirectoryEntry e
   }
   if (--scan.secondaries_left != 0 || !scan.current) return nullptr;
   std::unique_ptr<EntrySet> set = std::move(scan.current);
+  set->name = DisplayName(set->raw_name);
   set->upcased_name = set->raw_name;
   scan.fat->UpcaseName(set->upcased_name);
   set->computed_name_hash = NameHash(set->upcased_name);

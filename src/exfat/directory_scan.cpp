@@ -1,5 +1,7 @@
 #include "exfat/directory_scan.h"
 
+#include <locale.h>
+
 #include <algorithm>
 #include <vector>
 
@@ -11,6 +13,32 @@
 namespace {
 
 constexpr uint8_t kEndOfDirectory = 0;
+
+// Names are printed with %ls, which converts through the thread's LC_CTYPE:
+// in the default "C" locale any non-ASCII name would end its line early.
+// For the scan's lifetime this thread uses a UTF-8 LC_CTYPE, where there is
+// one.
+class Utf8Messages {
+ public:
+  Utf8Messages() {
+    for (const char* name : {"C.UTF-8", "C.utf8", "en_US.UTF-8"}) {
+      m_locale = newlocale(LC_CTYPE_MASK, name, static_cast<locale_t>(0));
+      if (m_locale != static_cast<locale_t>(0)) break;
+    }
+    if (m_locale != static_cast<locale_t>(0)) m_previous = uselocale(m_locale);
+  }
+  ~Utf8Messages() {
+    if (m_locale == static_cast<locale_t>(0)) return;
+    uselocale(m_previous);
+    freelocale(m_locale);
+  }
+  Utf8Messages(const Utf8Messages&) = delete;
+  Utf8Messages& operator=(const Utf8Messages&) = delete;
+
+ private:
+  locale_t m_locale = static_cast<locale_t>(0);
+  locale_t m_previous = static_cast<locale_t>(0);
+};
 
 // One directory on the walk's stack. The walk keeps its own stack rather
 // than recursing, so a deeply nested tree cannot exhaust the call stack.
@@ -146,5 +174,6 @@ void ScanRoot(DeviceHandle& device, BootSector& boot_sector, Fat& fat, EntrySet&
 
 void ScanDirectory(DirectoryScan& scan) {
   if (scan.cluster == 0) return;
+  const Utf8Messages utf8;
   TreeWalk(scan).Run();
 }

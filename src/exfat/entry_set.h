@@ -9,7 +9,7 @@
 // a Stream Extension entry and File Name entries. Assembled by the
 // directory scan, then checked and, when bad, deleted on disk.
 struct EntrySet {
-  std::wstring name;            // for messages (one wchar_t per UTF-16 unit)
+  std::wstring name;            // for messages, see DisplayName
   std::u16string raw_name;      // as stored
   std::u16string upcased_name;  // raw_name through the up-case table
   uint32_t name_length = 0;
@@ -51,3 +51,8 @@ uint16_t AddEntryToChecksum(uint16_t sum, std::span<const uint8_t, 32> entry, bo
 
 // The name hash over UTF-16 units, low byte first.
 uint16_t NameHash(const std::u16string& upcased_name);
+
+// A stored name as printed in messages: surrogate pairs joined into one
+// character, and units that cannot be printed (unpaired surrogates, NUL,
+// which would cut the line short) shown as U+FFFD.
+std::wstring DisplayName(const std::u16string& raw_name);

@@ -46,3 +46,16 @@ TEST(EntrySetChecksum, FileEntrysOwnChecksumBytesAreLeftOut) {
   set[1][2] ^= 0x01;
   EXPECT_NE(ModelChecksum(set), sum);
 }
+
+TEST(DisplayName, JoinsSurrogatePairsAndReplacesWhatCannotBePrinted) {
+  EXPECT_EQ(DisplayName(u"plain"), L"plain");
+  EXPECT_EQ(DisplayName(u"gr\u00f6\u00dfe"), L"gr\u00f6\u00dfe");
+  EXPECT_EQ(DisplayName(u"\U0001F600.txt"), std::wstring(L"\U0001F600.txt"));
+  const std::u16string lone_high{u'a', char16_t(0xD83D), u'b'};
+  const std::u16string lone_low{char16_t(0xDE00), u'c'};
+  const std::u16string with_nul{u'x', char16_t(0), u'y'};
+  EXPECT_EQ(DisplayName(lone_high), L"a\uFFFDb");
+  EXPECT_EQ(DisplayName(lone_low), L"\uFFFDc");
+  EXPECT_EQ(DisplayName(with_nul), L"x\uFFFDy");
+  EXPECT_EQ(DisplayName(std::u16string{char16_t(0xD83D)}), L"\uFFFD");
+}
