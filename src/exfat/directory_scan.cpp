@@ -110,7 +110,9 @@ class TreeWalk {
       if (!ValidateEntrySet(*set, m_fat)) {
         DeleteEntrySet(*set, scan, scan.parent->no_fat_chain, scan.parent->valid_data_length);
       } else if ((set->file_attributes & kDirectoryAttribute) != 0) {
-        if (m_levels.size() < kMaxDirectoryDepth) {
+        // The root's level does not count: subdirectories down to depth
+        // kMaxDirectoryDepth are walked.
+        if (m_levels.size() <= kMaxDirectoryDepth) {
           // The rest of this entry's step runs when the subdirectory is done.
           level.returning_from_subdirectory = true;
           PushSubdirectory(scan, std::move(set));  // invalidates `level`
