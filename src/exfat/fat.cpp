@@ -31,7 +31,7 @@ Fat::Fat(DeviceHandle& device, BootSector& boot_sector)
       m_fat_entries_per_sector(std::max<uint64_t>(1, boot_sector.BytesPerSector() / kFatEntryBytes)),
       m_cached_fat_sector(boot_sector.FatOffset()),
       m_fat_sector_cache(SectorBufferSize()) {
-  m_device.ReadSectors(1, m_cached_fat_sector, m_fat_sector_cache);
+  m_cache_valid = m_device.ReadSectors(1, m_cached_fat_sector, m_fat_sector_cache);
   const uint32_t entry0 = static_cast<uint32_t>(ReadLe32(&m_fat_sector_cache[0]));
   if (entry0 != kMediaDescriptorEntry) throw std::runtime_error(fmt::format("Invalid FAT entry 0: {:x}\n", entry0));
   const uint32_t entry1 = static_cast<uint32_t>(ReadLe32(&m_fat_sector_cache[kFatEntryBytes]));
@@ -59,7 +59,7 @@ void Fat::PrintInvalidCluster(uint64_t cluster) const {
 uint32_t Fat::ReadFatEntry(uint64_t cluster) {
   const uint64_t sector = m_boot_sector.FatOffset() + cluster / m_fat_entries_per_sector;
   if (sector != m_cached_fat_sector) {
-    m_device.ReadSectors(1, sector, m_fat_sector_cache);
+    m_cache_valid = m_device.ReadSectors(1, sector, m_fat_sector_cache);
     m_cached_fat_sector = sector;
   }
   return static_cast<uint32_t>(ReadLe32(&m_fat_sector_cache[(cluster % m_fat_entries_per_sector) * kFatEntryBytes]));
@@ -71,6 +71,10 @@ bool Fat::WriteFatEntry(uint64_t cluster, uint32_t value) {
     return false;
   }
   ReadFatEntry(cluster);
+  // Writing back a sector that was never read would spread another
+  // sector's entries over it (or extend a short image).
+  if (!m_cache_valid)
+    throw std::runtime_error(fmt::format("Failed to read FAT sector {}", m_cached_fat_sector));
   WriteLe32(&m_fat_sector_cache[(cluster % m_fat_entries_per_sector) * kFatEntryBytes], value);
   m_device.WriteSectors(1, m_cached_fat_sector, m_fat_sector_cache);
   return true;

@@ -36,7 +36,11 @@ class Fat {
   // "Invalid cluster: %lx (%lx total)\n" for `cluster`.
   void PrintInvalidCluster(uint64_t cluster) const;
 
+  // Read errors go unnoticed: the cache keeps what it held.
   uint32_t ReadFatEntry(uint64_t cluster);
+  // Writes the entry through to its FAT sector at once. Out of range: the
+  // invalid-cluster line and false. A FAT sector that cannot be read throws
+  // "Failed to read FAT sector {}" and nothing is written.
   bool WriteFatEntry(uint64_t cluster, uint32_t value);
   uint64_t NextCluster(uint64_t cluster, bool no_fat_chain, uint64_t remaining);
 
@@ -97,6 +101,7 @@ class Fat {
   uint64_t m_max_cluster;
   uint64_t m_fat_entries_per_sector;
   uint64_t m_cached_fat_sector = 0;
+  bool m_cache_valid = false;  // the cached sector was read whole
   std::vector<uint8_t> m_fat_sector_cache;
   uint32_t m_freed_chains = 0;
 };

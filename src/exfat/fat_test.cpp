@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <stdexcept>
 
 #include "device_expect.h"
@@ -289,4 +290,25 @@ TEST(FatBitmap, UpdateAllocationBitmapRewritesEverySectorOfTheBitmap) {
   // The model's copy of the bitmap follows the disk.
   EXPECT_FALSE(fat.IsClusterAllocated(2));
   EXPECT_TRUE(fat.IsClusterAllocated(set_clusters[1]));
+}
+
+TEST(FatShortImage, WriteFatEntryBeyondTheImageWritesNothing) {
+  TestImage image(8 * kMiB, 4096);
+  ExfatLayout layout(image.path);
+  // Keep the FAT's first sector only: entry 200 lies in its second.
+  const uint64_t cut = (layout.Geometry().fat_offset + 1) * 512;
+  std::filesystem::resize_file(image.path, cut);
+  const std::vector<uint8_t> before = testsupport::ReadFileBytes(image.path);
+  LoadedVolume volume(image.path);
+  std::string error;
+  try {
+    volume.fat->WriteFatEntry(200, 0);
+  } catch (const std::runtime_error& e) {
+    error = e.what();
+  }
+  EXPECT_EQ(error, "Failed to read FAT sector " + std::to_string(layout.Geometry().fat_offset + 1));
+  EXPECT_EQ(testsupport::ReadFileBytes(image.path), before);
+  // Entries of the sector that was read are still written.
+  EXPECT_TRUE(volume.fat->WriteFatEntry(100, 0x55));
+  EXPECT_EQ(layout.ReadFat(100), 0x55u);
 }
