@@ -3,6 +3,7 @@
 #include <locale.h>
 
 #include <algorithm>
+#include <unordered_set>
 #include <vector>
 
 #include "exfat/boot_sector.h"
@@ -49,7 +50,7 @@ struct Level {
   std::vector<uint8_t> sector;
   bool sector_loaded = false;
   bool returning_from_subdirectory = false;
-  uint64_t clusters_visited = 1;
+  std::unordered_set<uint64_t> clusters_visited;
 };
 
 class TreeWalk {
@@ -74,6 +75,7 @@ class TreeWalk {
     level.directory = std::move(directory);
     level.scan = &scan;
     level.sector.resize(m_sector_bytes);
+    level.clusters_visited.insert(scan.cluster);
     m_levels.push_back(std::move(level));
   }
 
@@ -142,9 +144,9 @@ class TreeWalk {
     scan.sector_in_cluster = 0;
     const uint64_t next = m_fat.NextCluster(scan.cluster, scan.parent->no_fat_chain, scan.parent->valid_data_length);
     if (next == Fat::kEndOfChain) return false;
-    // A chain that leaves the heap, or has visited more clusters than the
-    // volume holds (a loop), ends the directory.
-    if (!m_fat.InRange(next) || ++level.clusters_visited > m_fat.MaxCluster() - 1) return false;
+    // A chain that leaves the heap, or comes back to a cluster it has
+    // walked (a loop), ends the directory.
+    if (!m_fat.InRange(next) || !level.clusters_visited.insert(next).second) return false;
     scan.cluster = next;
     return true;
   }

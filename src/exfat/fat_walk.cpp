@@ -3,6 +3,7 @@
 // table is the third user, in upcase_table.cpp).
 #include <algorithm>
 #include <cstring>
+#include <unordered_set>
 
 #include "exfat/boot_sector.h"
 #include "exfat/device_handle.h"
@@ -16,14 +17,15 @@ bool Fat::WalkSectors(uint64_t first_cluster, uint64_t length, const ClusterVisi
     return false;
   }
   const uint64_t bytes_per_sector = m_boot_sector.BytesPerSector();
-  // A chain cannot hold more distinct clusters than the range has; a walk
-  // that needs more is going round a loop.
-  const uint64_t distinct_clusters = m_max_cluster - 1;
   uint64_t left = length;
   uint64_t offset = 0;
   uint64_t cluster = first_cluster;
-  for (uint64_t visited = 0;; ++visited) {
-    if (cluster > m_max_cluster || visited >= distinct_clusters) {
+  // A chain that comes back to a cluster is going round a loop: it ends
+  // there as a chain leaving the range does. Together with visitors that
+  // read every sector, this bounds a walk by the device's size.
+  std::unordered_set<uint64_t> visited;
+  for (;;) {
+    if (cluster > m_max_cluster || !visited.insert(cluster).second) {
       PrintInvalidCluster(cluster);
       return false;
     }
@@ -59,9 +61,10 @@ bool Fat::LoadAllocationBitmap(uint64_t first_cluster, uint64_t length) {
   return WalkSectors(
       first_cluster, length, [this](uint64_t cluster) { MarkChecked(cluster, true); },
       [&](const SectorChunk& chunk) {
-        if (!copy) return true;
+        // Read even when not copied: a sector past the device's end fails
+        // the walk in both cases.
         if (!m_device.ReadSectors(1, chunk.sector, sector)) return false;
-        if (chunk.offset < m_allocation_bitmap.size()) {
+        if (copy && chunk.offset < m_allocation_bitmap.size()) {
           const uint64_t kept = std::min<uint64_t>(chunk.bytes, m_allocation_bitmap.size() - chunk.offset);
           std::memcpy(&m_allocation_bitmap[chunk.offset], sector.data(), kept);
         }
