@@ -27,8 +27,8 @@ constexpr struct {
   const char* name;
   CorruptionKind run;
 } kCorruptions[] = {
-    {"fat", CorruptFat},          {"bitmap", CorruptBitmap},         {"upcase", CorruptUpcase},
-    {"main", CorruptMainBoot},    {"backup", CorruptBackupBoot},     {"root", CorruptRoot},
+    {"fat", CorruptFat},        {"bitmap", CorruptBitmap},         {"upcase", CorruptUpcase},
+    {"main", CorruptMainBoot},  {"backup", CorruptBackupBoot},     {"root", CorruptRoot},
 };
 
 void ApplyCorruption(CorruptionTarget& target, const std::vector<std::string>& tokens) {
