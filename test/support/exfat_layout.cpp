@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <stdexcept>
 
 namespace testsupport {
@@ -155,7 +157,8 @@ void FixSetChecksum(std::vector<RawEntry>& set) {
 
 ExfatLayout::ExfatLayout(const std::string& image_path) : m_path(image_path) {
   m_fd = open(image_path.c_str(), O_RDWR | O_CLOEXEC);
-  if (m_fd < 0) throw std::runtime_error("cannot open " + image_path);
+  if (m_fd < 0)
+    throw std::runtime_error("cannot open " + image_path + ": " + std::strerror(errno));
   m_geometry = ParseGeometry(Read(0, 512));
 }
 
