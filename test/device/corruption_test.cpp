@@ -414,3 +414,82 @@ TEST_F(Corruption, BothModesInOneRun) {
   EXPECT_EQ(r.err, Joined(Concat(Preamble(image), {"Corrupt FAT from 20 for 1 clusters, to value 5"})));
   EXPECT_EQ(DifferingOffsets(WithFat(m_bytes, 0x20, 1, 5), ReadFileBytes(image)), std::vector<uint64_t>{});
 }
+
+namespace {
+
+// A hand-made volume of sixteen 512-byte sectors: boot region 0-11, FAT at
+// 12, one-sector clusters 2 (bitmap), 3 (up-case table) and 4 (root). The
+// backup boot region would be sectors 12-23, so most of it lies past the end.
+std::vector<uint8_t> TinyVolume(const std::vector<uint8_t>& real_boot_region) {
+  std::vector<uint8_t> image(16 * 512, 0);
+  std::copy(real_boot_region.begin(), real_boot_region.begin() + 12 * 512, image.begin());
+  PutLe(&image[72], 16, 8);   // VolumeLength
+  PutLe(&image[80], 12, 4);   // FatOffset
+  PutLe(&image[84], 1, 4);    // FatLength
+  PutLe(&image[88], 13, 4);   // ClusterHeapOffset
+  PutLe(&image[92], 3, 4);    // ClusterCount
+  PutLe(&image[96], 4, 4);    // root cluster
+  image[108] = 9;
+  image[109] = 0;
+  uint8_t* fat = &image[12 * 512];
+  PutLe(fat, 0xFFFFFFF8, 4);
+  for (int entry = 1; entry <= 4; ++entry) PutLe(fat + 4 * entry, 0xFFFFFFFF, 4);
+  image[13 * 512] = 0x07;  // clusters 2, 3 and 4 in use
+  uint8_t* table = &image[14 * 512];
+  uint32_t sum = 0;
+  for (int i = 0; i < 128; ++i) {
+    PutLe(table + 2 * i, (i >= 'a' && i <= 'z') ? i - 32 : i, 2);
+    for (int k = 0; k < 2; ++k) sum = ((sum & 1) ? 0x80000000u : 0) + (sum >> 1) + table[2 * i + k];
+  }
+  uint8_t* root = &image[15 * 512];
+  root[0] = kEntryBitmap;
+  PutLe(root + 20, 2, 4);
+  PutLe(root + 24, 1, 8);
+  root[32] = kEntryUpcase;
+  PutLe(root + 32 + 4, sum, 4);
+  PutLe(root + 32 + 20, 3, 4);
+  PutLe(root + 32 + 24, 256, 8);
+  return image;
+}
+
+}  // namespace
+
+TEST_F(Corruption, BackupPastTheEndOfATinyVolume) {
+  const std::vector<uint8_t> tiny = TinyVolume(m_bytes);
+  const std::string image = m_dir / "tiny.img";
+  WriteNewFile(image, tiny);
+  {
+    ProcessResult r = RunTool({"-d", image});
+    ASSERT_EQ(r.exit_status, 0) << r.err;
+    ASSERT_EQ(r.err, Joined(Preamble(image))) << "the tiny volume must load cleanly";
+  }
+  int written = 0, refused = 0;
+  for (int run = 0; run < 40; ++run) {
+    WriteNewFile(image, tiny);
+    ProcessResult r = Run(image, "backup");
+    const std::vector<uint8_t> after = ReadFileBytes(image);
+    std::vector<std::string> lines = Lines(r.err);
+    ASSERT_EQ(lines.size(), 11u) << r.err;
+    if (r.exit_status == 0) {
+      ++written;
+      EXPECT_EQ(lines.back(), "Corrupted backup boot area");
+      for (uint64_t offset : DifferingOffsets(tiny, after)) {
+        EXPECT_GE(offset, 13u * 512);
+        EXPECT_LT(offset, 16u * 512);
+      }
+    } else {
+      ++refused;
+      EXPECT_EQ(r.exit_status, 255);
+      // The sector named is the drawn main-region number, 4 to 11.
+      unsigned sector = 0;
+      char tail = 0;
+      ASSERT_EQ(sscanf(lines.back().c_str(), "Test failed: Failed to read main boot sector %u%c", &sector, &tail), 1)
+          << lines.back();
+      EXPECT_GE(sector, 4u);
+      EXPECT_LE(sector, 11u);
+      EXPECT_EQ(after, tiny) << "nothing may be written";
+    }
+  }
+  EXPECT_GT(written, 0);
+  EXPECT_GT(refused, 0);
+}
