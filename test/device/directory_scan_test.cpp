@@ -436,3 +436,22 @@ TEST_F(DirectoryScan, BitmapAtClusterOne) {
   EXPECT_EQ(r.err, Joined(Concat(Preamble(m_image), {InvalidClusterLine(1, layout.Geometry()),
                                                      "Test failed: Allocation bitmap failed to load"})));
 }
+
+TEST_F(DirectoryScan, UnicodeNamesArePrintedAsUtf8) {
+  // Names of condemned sets reach the terminal as UTF-8, surrogate pairs
+  // joined into one character.
+  std::vector<CraftedSet> deleted;
+  const std::string names[] = {"résumé", "Ελληνικά", "日本語", "emoji 😀"};
+  std::vector<std::string> lines;
+  {
+    ExfatLayout layout(m_image);
+    VolumeCrafter craft(layout);
+    for (const std::string& name : names) {
+      auto upcase = [&](const std::u16string& n) { return layout.UpcaseWithTable(n); };
+      deleted.push_back(craft.Place(craft.Root(), BuildEntrySet({ToUtf16(name)}, upcase), ToUtf16(name)));
+      lines.push_back(InvalidClusterLine(0, layout.Geometry()));
+      lines.push_back(Deleting(name, kFirstCluster));
+    }
+  }
+  ExpectScan(lines, deleted);
+}
