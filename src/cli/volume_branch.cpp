@@ -3,6 +3,9 @@
 #include "cli/fill_directory.h"
 #include "cli/fragment_disk.h"
 #include "platform/equals_ignore_case.h"
+#include "tests/disk_space.h"
+#include "tests/truncate.h"
+#include "tests/truncate_bug31031.h"
 #include "tests/test_runner.h"
 
 namespace {
@@ -20,6 +23,9 @@ int Run(const std::string& volume) {
 }
 
 constexpr VolumeEntry kVolumeEntries[] = {
+    {"truncatebug31031", Run<TruncateBug31031Test>},
+    {"truncate", Run<TruncateTest>},
+    {"diskspace", Run<DiskSpaceTest>},
     {"fragdisk", FragmentDisk},
     {"filldir", FillDirectory},
 };
