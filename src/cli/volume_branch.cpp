@@ -3,7 +3,11 @@
 #include "cli/fill_directory.h"
 #include "cli/fragment_disk.h"
 #include "platform/equals_ignore_case.h"
+#include "tests/cluster_allocation.h"
+#include "tests/directory_structure.h"
 #include "tests/disk_space.h"
+#include "tests/filename_limits.h"
+#include "tests/rename.h"
 #include "tests/truncate.h"
 #include "tests/truncate_bug31031.h"
 #include "tests/test_runner.h"
@@ -24,6 +28,10 @@ int Run(const std::string& volume) {
 
 constexpr VolumeEntry kVolumeEntries[] = {
     {"truncatebug31031", Run<TruncateBug31031Test>},
+    {"directory", Run<DirectoryStructureTest>},
+    {"filename", Run<FilenameTest>},
+    {"cluster", Run<ClusterAllocationTest>},
+    {"rename", Run<RenameTest>},
     {"truncate", Run<TruncateTest>},
     {"diskspace", Run<DiskSpaceTest>},
     {"fragdisk", FragmentDisk},
