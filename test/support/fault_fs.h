@@ -7,6 +7,8 @@
 #include <optional>
 #include <string>
 
+#include "mounted_volume.h"  // InCi
+
 namespace testsupport {
 
 // How a faultfs mount behaves: the fault ("" for none, else a name such as
