@@ -86,15 +86,6 @@ TEST_F(RunnerOnExfat, GivesTheTestAnEmptyRuntestsDirectory) {
   EXPECT_TRUE(std::filesystem::exists(m_volume->MountPoint() + "/runtests/left-behind"));
 }
 
-TEST_F(RunnerOnExfat, ATrailingSlashDoublesTheSeparator) {
-  QVEXFAT_REQUIRE_MOUNTS();
-  Mount();
-  testing::internal::CaptureStderr();
-  EXPECT_TRUE(RunTest(m_volume->MountPoint() + "/", RecordingTest));
-  testing::internal::GetCapturedStderr();
-  EXPECT_EQ(g_directory, m_volume->MountPoint() + "//runtests/");
-}
-
 TEST_F(RunnerOnExfat, AnyThrownTypeIsATestFailure) {
   QVEXFAT_REQUIRE_MOUNTS();
   Mount();

@@ -287,16 +287,6 @@ TEST_F(VerifiedFileOnExfat, FilesStayUnverifiedWhenAnExceptionIsInFlight) {
   EXPECT_TRUE(Exists(heap));
 }
 
-TEST_F(VerifiedFileOnExfat, CreationFailureThrowsWithThePath) {
-  const std::string path = PathOf("no/such/dir/file");
-  try {
-    VerifiedFile file(path, 10, 10, true);
-    FAIL() << "creation did not throw";
-  } catch (const std::exception& e) {
-    EXPECT_EQ(std::string(e.what()), path + ": No such file or directory (2)");
-  }
-}
-
 TEST_F(VerifiedFileOnExfat, FullVolumeFailsTheWrite) {
   const std::string path = PathOf("huge");
   try {

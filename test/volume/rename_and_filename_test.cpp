@@ -81,16 +81,4 @@ TEST_F(NamesOnExfat, FilenamePassesAndLeavesNothing) {
   EXPECT_TRUE(Names(runtests).empty());
 }
 
-TEST(NamesOnReadOnlyExfat, FailBeforeTheTest) {
-  QVEXFAT_REQUIRE_MOUNTS();
-  ScratchDir scratch;
-  MakeExfatImage(scratch / "volume.img", 16 << 20, 4096);
-  MountedVolume volume(scratch / "volume.img", scratch / "mnt", /*read_only=*/true);
-  for (const char* name : {"rename", "filename"}) {
-    ProcessResult r = RunTool({"-v", volume.MountPoint(), "-a", name});
-    EXPECT_EQ(r.exit_status, 255) << name;
-    EXPECT_EQ(r.err, "Test failure\n") << name;
-  }
-}
-
 }  // namespace

@@ -144,17 +144,13 @@ TEST_P(TruncateBug31031, PassesAndLeavesBothFiles) {
   ASSERT_EQ(files.size(), 2u);
   if (files[0].string().back() == '1') std::swap(files[0], files[1]);
 
+  std::string pattern;
+  for (int i = 0; i < 5; ++i) pattern += "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
   for (int index = 0; index < 2; ++index) {
     const std::string filename = files[index].filename();
     ASSERT_EQ(filename.back(), static_cast<char>('0' + index));
-    const std::string prefix = filename.substr(0, filename.size() - 1);
-    EXPECT_EQ(prefix, std::string("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
-                                  "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
-                                  "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
-                                  "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
-                                  "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ")
-                          .substr(0, prefix.size()));
-    EXPECT_LE(prefix.size(), 255u);
+    EXPECT_LE(filename.size(), 255u);
+    EXPECT_EQ(filename, pattern.substr(0, filename.size() - 1) + filename.back());
   }
   const std::vector<uint8_t> file1 = ReadFileBytes(files[0]);
   const std::vector<uint8_t> file2 = ReadFileBytes(files[1]);
@@ -223,16 +219,6 @@ TEST(DiskSpaceTest, BothOutOfSpaceChecksPass) {
   ASSERT_EQ(statvfs(v.c_str(), &info), 0);
   EXPECT_LE(info.f_bfree, 8u);
   volume.ExpectCleanAfterUnmount();
-}
-
-TEST(VolumeTests, ReadOnlyVolumeFailsBeforeTheTest) {
-  QVEXFAT_REQUIRE_MOUNTS();
-  Volume volume(16 << 20, 4096, /*read_only=*/true);
-  for (const char* name : {"truncate", "diskspace", "truncatebug31031"}) {
-    ProcessResult r = RunTool({"-v", volume.Path(), "-a", name});
-    EXPECT_EQ(r.exit_status, 255) << name;
-    EXPECT_EQ(r.err, "Test failure\n") << name;
-  }
 }
 
 }  // namespace
