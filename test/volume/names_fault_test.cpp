@@ -2,13 +2,13 @@
 // fault it exists to find, with its own lines, "Test failure" and status
 // 255, and pass on the same filesystem without a fault.
 
+#include "fault_volume.h"  // first: it sets up the warnings for <regex>
+
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <string>
 #include <vector>
-
-#include "fault_volume.h"
 
 using namespace faulttest;
 using testsupport::Lines;

@@ -2,6 +2,8 @@
 // fault it exists to find, with its own lines, "Test failure" and status
 // 255, and pass on the same filesystem without a fault.
 
+#include "fault_volume.h"  // first: it sets up the warnings for <regex>
+
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -11,7 +13,6 @@
 #include <vector>
 
 #include "exfat_image.h"
-#include "fault_volume.h"
 
 using namespace faulttest;
 using testsupport::Lines;
