@@ -34,8 +34,11 @@ TEST(Session, EveryTestAndActionOnOneVolume) {
   QVEXFAT_REQUIRE_MOUNTS();
   ScratchDir scratch;
   const std::string image = scratch / "volume.img";
-  // Room for the cluster test's largest possible run (about 100 MiB).
-  MakeExfatImage(image, 160 << 20, 32768);
+  // Large enough that fragdisk's first round of twenty files (1 to 17 MiB
+  // each) always fits, so every dirN it frees later holds files; a smaller
+  // volume can leave a dirN empty, and recreating it with its 20
+  // sub-directories then finds no space.
+  MakeExfatImage(image, 384 << 20, 131072);
   MountedVolume volume(image, scratch / "mnt");
   const std::string v = volume.MountPoint() + "/";
   const std::string runtests = v + "/runtests/";
@@ -51,8 +54,8 @@ TEST(Session, EveryTestAndActionOnOneVolume) {
     std::vector<std::string> lines = Lines(r.err);
     ASSERT_EQ(lines.size(), 7u) << r.err;
     EXPECT_EQ(lines[0], "Disk space test");
-    EXPECT_EQ(lines[2], "Cluster length 32768 bytes");
-    EXPECT_EQ(lines[3], "Cluster length 32768 bytes");
+    EXPECT_EQ(lines[2], "Cluster length 131072 bytes");
+    EXPECT_EQ(lines[3], "Cluster length 131072 bytes");
     EXPECT_EQ(lines[4], "DiskSpaceTest passed: No space left on device (28)");
     EXPECT_TRUE(StartsWith(lines[6], "DiskSpaceTest passed: " + runtests)) << lines[6];
   }
@@ -68,7 +71,7 @@ TEST(Session, EveryTestAndActionOnOneVolume) {
     ProcessResult r = run("truncatebug31031");
     EXPECT_EQ(r.exit_status, 0) << r.err;
     EXPECT_EQ(Lines(r.err),
-              std::vector<std::string>({"Cluster length 32768 bytes", "Create file1", "Create file2",
+              std::vector<std::string>({"Cluster length 131072 bytes", "Create file1", "Create file2",
                                         "Append to file1", "Truncate file1 once",
                                         "Truncate file1 twice"}));
   }
