@@ -1,0 +1,59 @@
+#include "exfat/device_handle.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cassert>
+#include <cerrno>
+#include <climits>
+
+#include "platform/errno_exception.h"
+#include "platform/log_message.h"
+
+DeviceHandle::~DeviceHandle() {
+  if (m_fd.IsOpen()) fsync(m_fd.Get());
+  m_fd.Reset();
+}
+
+bool DeviceHandle::Open(const std::string& path, uint32_t sector_size, bool read_only) {
+  m_sector_size = sector_size;
+  const int flags = (read_only ? O_RDONLY : O_RDWR) | O_EXCL | O_CLOEXEC;
+  UniqueFd fd(open64(path.c_str(), flags));
+  if (!fd.IsOpen()) throw ErrnoException(errno, path);
+  const off64_t end = lseek64(fd.Get(), 0, SEEK_END);
+  m_sector_count = (sector_size == 0 || end < 0) ? 0 : end / sector_size;
+  m_fd = std::move(fd);
+  return true;
+}
+
+int64_t DeviceHandle::ByteOffset(uint64_t start_sector) const {
+  if (m_sector_size == 0 || start_sector > static_cast<uint64_t>(INT64_MAX) / m_sector_size) return -1;
+  return static_cast<int64_t>(start_sector * m_sector_size);
+}
+
+std::optional<uint64_t> DeviceHandle::ByteCount(uint64_t count) const {
+  if (m_sector_size != 0 && count > SSIZE_MAX / m_sector_size) return std::nullopt;
+  return count * m_sector_size;
+}
+
+bool DeviceHandle::ReadSectors(uint64_t count, uint64_t start_sector, std::span<uint8_t> buffer) {
+  const std::optional<uint64_t> bytes = ByteCount(count);
+  const int64_t offset = ByteOffset(start_sector);
+  if (!bytes || offset < 0) return false;
+  assert(*bytes <= buffer.size());
+  const ssize_t done = pread64(m_fd.Get(), buffer.data(), *bytes, offset);
+  return done >= 0 && static_cast<uint64_t>(done) == *bytes;
+}
+
+bool DeviceHandle::WriteSectors(uint64_t count, uint64_t start_sector, std::span<const uint8_t> buffer) {
+  const std::optional<uint64_t> bytes = ByteCount(count);
+  const int64_t offset = ByteOffset(start_sector);
+  if (bytes && offset >= 0) {
+    assert(*bytes <= buffer.size());
+    const ssize_t done = pwrite64(m_fd.Get(), buffer.data(), *bytes, offset);
+    if (done >= 0 && static_cast<uint64_t>(done) == *bytes) return true;
+  }
+  LogMessage("Failed to write %ld from %lld\n", static_cast<long>(count),
+             static_cast<long long>(start_sector));
+  return false;
+}

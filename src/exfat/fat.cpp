@@ -1,0 +1,129 @@
+#include "exfat/fat.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "exfat/boot_sector.h"
+#include "exfat/device_handle.h"
+#include "exfat/little_endian.h"
+#include "platform/log_message.h"
+
+namespace {
+
+constexpr uint32_t kMediaDescriptorEntry = 0xFFFFFFF8;
+constexpr uint32_t kFatEntry1 = 0xFFFFFFFF;
+constexpr uint64_t kFatEntryBytes = 4;
+
+}  // namespace
+
+std::unique_ptr<Fat> CreateFat(DeviceHandle& device, BootSector& boot_sector) {
+  return std::make_unique<Fat>(device, boot_sector);
+}
+
+Fat::Fat(DeviceHandle& device, BootSector& boot_sector)
+    : m_device(device),
+      m_boot_sector(boot_sector),
+      m_max_cluster(boot_sector.ClusterCount() + 2),
+      // Sectors smaller than one entry still hold one, so the cache index
+      // stays inside the buffer whatever the shift says.
+      m_fat_entries_per_sector(std::max<uint64_t>(1, boot_sector.BytesPerSector() / kFatEntryBytes)),
+      m_cached_fat_sector(boot_sector.FatOffset()),
+      m_fat_sector_cache(SectorBufferSize()) {
+  m_cache_valid = m_device.ReadSectors(1, m_cached_fat_sector, m_fat_sector_cache);
+  const uint32_t entry0 = static_cast<uint32_t>(ReadLe32(&m_fat_sector_cache[0]));
+  if (entry0 != kMediaDescriptorEntry) throw std::runtime_error(fmt::format("Invalid FAT entry 0: {:x}\n", entry0));
+  const uint32_t entry1 = static_cast<uint32_t>(ReadLe32(&m_fat_sector_cache[kFatEntryBytes]));
+  if (entry1 != kFatEntry1) throw std::runtime_error(fmt::format("Invalid FAT entry 1: {:x}\n", entry1));
+
+  m_bitmap_bytes = (boot_sector.ClusterCount() + 7) / 8;
+  // The model's top cluster, ClusterCount + 2, is bit ClusterCount: one past
+  // a bitmap of exactly ClusterCount bits. Bytes past the on-disk bitmap's
+  // length read as zero wherever a bitmap is copied or written out.
+  m_check_bitmap.assign(boot_sector.ClusterCount() / 8 + 1, 0);
+  SetClusterBit(m_check_bitmap, boot_sector.RootDirectoryStart(), true);
+}
+
+size_t Fat::SectorBufferSize() const {
+  // The device always transfers 512-byte sectors, whatever the volume's own
+  // sector size: a buffer must take at least that.
+  return std::max<size_t>(m_boot_sector.BytesPerSector(), DeviceHandle::kDeviceModeSectorSize);
+}
+
+void Fat::PrintInvalidCluster(uint64_t cluster) const {
+  LogMessage("Invalid cluster: %lx (%lx total)\n", static_cast<unsigned long>(cluster),
+             static_cast<unsigned long>(m_max_cluster));
+}
+
+uint32_t Fat::ReadFatEntry(uint64_t cluster) {
+  const uint64_t sector = m_boot_sector.FatOffset() + cluster / m_fat_entries_per_sector;
+  if (sector != m_cached_fat_sector) {
+    m_cache_valid = m_device.ReadSectors(1, sector, m_fat_sector_cache);
+    m_cached_fat_sector = sector;
+  }
+  return static_cast<uint32_t>(ReadLe32(&m_fat_sector_cache[(cluster % m_fat_entries_per_sector) * kFatEntryBytes]));
+}
+
+bool Fat::WriteFatEntry(uint64_t cluster, uint32_t value) {
+  if (!InRange(cluster)) {
+    PrintInvalidCluster(cluster);
+    return false;
+  }
+  ReadFatEntry(cluster);
+  // Writing back a sector that was never read would spread another
+  // sector's entries over it (or extend a short image).
+  if (!m_cache_valid)
+    throw std::runtime_error(fmt::format("Failed to read FAT sector {}", m_cached_fat_sector));
+  WriteLe32(&m_fat_sector_cache[(cluster % m_fat_entries_per_sector) * kFatEntryBytes], value);
+  m_device.WriteSectors(1, m_cached_fat_sector, m_fat_sector_cache);
+  return true;
+}
+
+uint64_t Fat::NextCluster(uint64_t cluster, bool no_fat_chain, uint64_t remaining) {
+  if (!InRange(cluster)) {
+    PrintInvalidCluster(cluster);
+    return 0;
+  }
+  if (!no_fat_chain) return ReadFatEntry(cluster);
+  if (remaining == 0) return kEndOfChain;
+  const uint64_t next = cluster + 1;
+  if (!InRange(next)) {
+    PrintInvalidCluster(next);
+    LogMessage("Invalid cluster in contiguous allocation: %lx\n", static_cast<unsigned long>(next));
+  }
+  return next;
+}
+
+bool Fat::TestBit(const std::vector<uint8_t>& bitmap, uint64_t cluster) {
+  if (cluster < 2) return false;
+  const uint64_t byte = (cluster - 2) / 8;
+  return byte < bitmap.size() && (bitmap[byte] >> ((cluster - 2) % 8) & 1) != 0;
+}
+
+bool Fat::IsClusterAllocated(uint64_t cluster) const {
+  if (!InRange(cluster)) {
+    PrintInvalidCluster(cluster);
+    return false;
+  }
+  return TestBit(m_allocation_bitmap, cluster);
+}
+
+void Fat::SetClusterBit(std::vector<uint8_t>& bitmap, uint64_t cluster, bool value) {
+  if (!InRange(cluster)) {
+    PrintInvalidCluster(cluster);
+    throw std::runtime_error(fmt::format("Invalid cluster {:x}", cluster));
+  }
+  const uint64_t byte = (cluster - 2) / 8;
+  if (byte >= bitmap.size()) bitmap.resize(byte + 1, 0);
+  const uint8_t mask = static_cast<uint8_t>(1u << ((cluster - 2) % 8));
+  if (value)
+    bitmap[byte] |= mask;
+  else
+    bitmap[byte] &= static_cast<uint8_t>(~mask);
+}
+
+void Fat::CopyBitmapToCheck() {
+  for (uint64_t i = 0; i < m_bitmap_bytes; ++i)
+    m_check_bitmap[i] = i < m_allocation_bitmap.size() ? m_allocation_bitmap[i] : 0;
+}

@@ -1,0 +1,110 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+class BootSector;
+class DeviceHandle;
+
+// The in-memory model of a volume's cluster bookkeeping: FAT entries through
+// a one-sector write-through cache, cluster chains (through the FAT, or by
+// counting for allocations without a FAT chain), the allocation bitmap as
+// loaded from disk, a separate check bitmap that the directory scan fills
+// with every cluster a valid chain reaches, and the expanded up-case table.
+//
+// A cluster c is in range when 2 <= c <= ClusterCount + 2: one more than the
+// format allows, kept as the model's bound everywhere. Both bitmaps are sized
+// so that the bit of ClusterCount + 2 is always addressable.
+class Fat {
+ public:
+  static constexpr uint64_t kEndOfChain = 0xFFFFFFFF;
+  static constexpr size_t kUpcaseTableEntries = 65536;
+
+  // Reads the first FAT sector and checks entries 0 and 1 (throws
+  // "Invalid FAT entry 0: ..." / "... 1: ..."), then sizes the check bitmap
+  // and marks the root directory's first cluster in it.
+  Fat(DeviceHandle& device, BootSector& boot_sector);
+  virtual ~Fat() = default;
+  Fat(const Fat&) = delete;
+  Fat& operator=(const Fat&) = delete;
+
+  uint64_t MaxCluster() const { return m_max_cluster; }
+  bool InRange(uint64_t cluster) const { return cluster >= 2 && cluster <= m_max_cluster; }
+  // "Invalid cluster: %lx (%lx total)\n" for `cluster`.
+  void PrintInvalidCluster(uint64_t cluster) const;
+
+  // Read errors go unnoticed: the cache keeps what it held.
+  uint32_t ReadFatEntry(uint64_t cluster);
+  // Writes the entry through to its FAT sector at once. Out of range: the
+  // invalid-cluster line and false. A FAT sector that cannot be read throws
+  // "Failed to read FAT sector {}" and nothing is written.
+  bool WriteFatEntry(uint64_t cluster, uint32_t value);
+  uint64_t NextCluster(uint64_t cluster, bool no_fat_chain, uint64_t remaining);
+
+  bool IsClusterAllocated(uint64_t cluster) const;
+  // Sets or clears `cluster` in `bitmap` (one of this model's bitmaps);
+  // throws "Invalid cluster {:x}" when it is out of range.
+  void SetClusterBit(std::vector<uint8_t>& bitmap, uint64_t cluster, bool value);
+  void MarkChecked(uint64_t cluster, bool value) { SetClusterBit(m_check_bitmap, cluster, value); }
+  bool IsChecked(uint64_t cluster) const { return TestBit(m_check_bitmap, cluster); }
+  void CopyBitmapToCheck();
+
+  bool LoadAllocationBitmap(uint64_t first_cluster, uint64_t length);
+  bool UpdateAllocationBitmap();
+  void FreeChain(uint64_t first_cluster, bool no_fat_chain, uint64_t clusters);
+  bool CheckChain(uint64_t first_cluster, bool no_fat_chain, uint64_t data_length);
+
+  bool LoadUpcaseTable(uint64_t first_cluster, uint64_t data_length, uint32_t table_checksum);
+  void UpcaseName(std::u16string& name) const;
+  bool HasUpcaseTable() const { return !m_upcase_table.empty(); }
+  uint16_t UpcaseEntry(uint16_t unit) const { return HasUpcaseTable() ? m_upcase_table[unit] : unit; }
+
+  uint64_t UpcaseTableCluster() const { return m_upcase_table_cluster; }
+  void SetUpcaseTableCluster(uint64_t cluster) { m_upcase_table_cluster = cluster; }
+  uint32_t FreedChains() const { return m_freed_chains; }
+  const std::vector<uint8_t>& AllocationBitmap() const { return m_allocation_bitmap; }
+  const std::vector<uint8_t>& CheckBitmap() const { return m_check_bitmap; }
+
+ private:
+  // One sector of a chained structure, met during WalkSectors: its 512-byte
+  // device sector, where its bytes start within the structure, and how many
+  // of them belong to the structure.
+  struct SectorChunk {
+    uint64_t sector;
+    uint64_t offset;
+    uint64_t bytes;
+    bool last;
+  };
+  using ClusterVisitor = std::function<void(uint64_t cluster)>;
+  using SectorVisitor = std::function<bool(const SectorChunk& chunk)>;
+
+  // Walks the sectors of a structure of `length` bytes that starts at
+  // `first_cluster`, always through the FAT. Fails (false) with the
+  // invalid-cluster line when the chain leaves the range, ends early or
+  // loops, and silently when a visitor fails.
+  bool WalkSectors(uint64_t first_cluster, uint64_t length, const ClusterVisitor& on_cluster,
+                   const SectorVisitor& on_sector);
+  size_t SectorBufferSize() const;
+  static bool TestBit(const std::vector<uint8_t>& bitmap, uint64_t bit_cluster);
+
+  uint64_t m_upcase_table_cluster = 0;
+  std::vector<uint8_t> m_allocation_bitmap;
+  bool m_allocation_bitmap_loaded = false;
+  std::vector<uint8_t> m_check_bitmap;
+  uint64_t m_bitmap_bytes = 0;
+  std::vector<uint16_t> m_upcase_table;
+  DeviceHandle& m_device;
+  BootSector& m_boot_sector;
+  uint64_t m_max_cluster;
+  uint64_t m_fat_entries_per_sector;
+  uint64_t m_cached_fat_sector = 0;
+  bool m_cache_valid = false;  // the cached sector was read whole
+  std::vector<uint8_t> m_fat_sector_cache;
+  uint32_t m_freed_chains = 0;
+};
+
+// Builds the model; initialisation errors propagate. Never returns null.
+std::unique_ptr<Fat> CreateFat(DeviceHandle& device, BootSector& boot_sector);

@@ -1,0 +1,82 @@
+// The consistency walk of one file's cluster chain, and the freeing of a
+// chain that failed it.
+#include "exfat/boot_sector.h"
+#include "exfat/fat.h"
+#include "platform/log_message.h"
+
+namespace {
+
+// Why a chain walk stopped short; the reason is never printed.
+enum class ChainFault { kNone, kOutOfRange, kNotAllocated, kAlreadyChecked, kBrokenLink };
+
+}  // namespace
+
+bool Fat::CheckChain(uint64_t first_cluster, bool no_fat_chain, uint64_t data_length) {
+  if (first_cluster == 0) return false;
+  const uint32_t cluster_bytes = m_boot_sector.SectorsPerCluster() * m_boot_sector.BytesPerSector();
+  const uint64_t expected =
+      cluster_bytes == 0 ? 0 : data_length / cluster_bytes + (data_length % cluster_bytes != 0 ? 1 : 0);
+
+  ChainFault fault = ChainFault::kNone;
+  if (first_cluster == 1) {
+    PrintInvalidCluster(first_cluster);
+    fault = ChainFault::kOutOfRange;
+  }
+  // Every pass marks a cluster not marked before (or fails), so the walk
+  // ends within the range's size even on a looping chain.
+  uint64_t cluster = first_cluster;
+  uint64_t count = 1;
+  while (fault == ChainFault::kNone) {
+    if (cluster > m_max_cluster) {
+      PrintInvalidCluster(cluster);
+      fault = ChainFault::kOutOfRange;
+    } else if (!TestBit(m_allocation_bitmap, cluster)) {
+      fault = ChainFault::kNotAllocated;
+    } else if (TestBit(m_check_bitmap, cluster)) {
+      fault = ChainFault::kAlreadyChecked;
+    } else {
+      MarkChecked(cluster, true);
+      const uint64_t next = NextCluster(cluster, no_fat_chain, expected - count);
+      if (next == kEndOfChain) return expected == count;
+      ++count;
+      if (!InRange(next)) {
+        PrintInvalidCluster(next);
+        fault = ChainFault::kBrokenLink;
+      }
+      cluster = next;
+    }
+  }
+  FreeChain(first_cluster, no_fat_chain, expected);
+  return false;
+}
+
+void Fat::FreeChain(uint64_t first_cluster, bool no_fat_chain, uint64_t clusters) {
+  if (first_cluster < 2) {
+    PrintInvalidCluster(first_cluster);
+    return;
+  }
+  uint64_t left = clusters - 1;
+  uint64_t cluster = first_cluster;
+  // A looping chain is abandoned once it has visited as many clusters as
+  // the range holds.
+  for (uint64_t visited = 0; visited < m_max_cluster - 1; ++visited) {
+    if (cluster > m_max_cluster) {
+      PrintInvalidCluster(cluster);
+      return;
+    }
+    const uint64_t byte = (cluster - 2) / 8;
+    if (byte < m_allocation_bitmap.size())
+      m_allocation_bitmap[byte] &= static_cast<uint8_t>(~(1u << ((cluster - 2) % 8)));
+    const uint64_t next = NextCluster(cluster, no_fat_chain, left);
+    --left;
+    if (next == kEndOfChain) {
+      ++m_freed_chains;
+      return;
+    }
+    if (next < 2) {
+      PrintInvalidCluster(next);
+      return;
+    }
+    cluster = next;
+  }
+}

@@ -1,0 +1,60 @@
+#include "exfat/upcase_table.h"
+
+#include "exfat/boot_sector.h"
+#include "exfat/device_handle.h"
+#include "exfat/fat.h"
+#include "exfat/little_endian.h"
+
+namespace {
+
+constexpr uint16_t kRunMarker = 0xFFFF;
+
+}  // namespace
+
+void UpcaseExpander::Store(uint16_t value) {
+  if (m_next_index < m_table.size()) m_table[m_next_index] = value;
+  ++m_next_index;
+}
+
+void UpcaseExpander::Expand(std::span<const uint8_t> chunk, bool last) {
+  const size_t values = chunk.size() / 2;
+  for (size_t i = 0; i < values; ++i) {
+    const uint16_t value = static_cast<uint16_t>(ReadLe16(&chunk[2 * i]));
+    if (value == kRunMarker) {
+      if (last && i + 1 == values)
+        Store(kRunMarker);
+      else
+        m_run_pending = true;
+    } else if (m_run_pending) {
+      // Identity entries: entry i maps to i.
+      for (uint64_t k = 0; k < value; ++k) Store(static_cast<uint16_t>(m_next_index));
+      m_run_pending = false;
+    } else {
+      Store(value);
+    }
+  }
+}
+
+bool Fat::LoadUpcaseTable(uint64_t first_cluster, uint64_t data_length, uint32_t table_checksum) {
+  // Entries the data never reaches map to themselves.
+  m_upcase_table.resize(kUpcaseTableEntries);
+  for (size_t i = 0; i < kUpcaseTableEntries; ++i) m_upcase_table[i] = static_cast<uint16_t>(i);
+
+  UpcaseExpander expander(m_upcase_table);
+  uint64_t checksum = 0;
+  std::vector<uint8_t> sector(SectorBufferSize());
+  const bool walked = WalkSectors(
+      first_cluster, data_length, [this](uint64_t cluster) { MarkChecked(cluster, true); },
+      [&](const SectorChunk& chunk) {
+        if (!m_device.ReadSectors(1, chunk.sector, sector)) return false;
+        const std::span<const uint8_t> bytes(sector.data(), chunk.bytes);
+        for (uint8_t b : bytes) checksum = UpcaseChecksumStep(checksum, b);
+        expander.Expand(bytes, chunk.last);
+        return true;
+      });
+  return walked && checksum == table_checksum;
+}
+
+void Fat::UpcaseName(std::u16string& name) const {
+  for (char16_t& unit : name) unit = static_cast<char16_t>(UpcaseEntry(static_cast<uint16_t>(unit)));
+}
