@@ -64,3 +64,36 @@ TEST(ReviewHostileImage, UpcaseTableOfLongRunsIsExpandedQuickly) {
   EXPECT_EQ(Lines(r.err), Concat(Preamble(image), {"Test failed: UpCase table checksum failed"}));
   EXPECT_TRUE(ReadFileBytes(image) == before) << "the image changed";
 }
+
+// BytesPerSectorShift 4 makes sectors of 16 bytes, too small for one 32-byte
+// entry, and SectorsPerClusterShift 31 makes clusters of 2^31 sectors. The
+// root directory then has no entry to visit, however long its chain: here
+// 40 clusters, linked through FAT entries placed where the model looks for
+// them with 16-byte sectors (four entries per sector).
+TEST(ReviewHostileImage, SectorsTooSmallForAnEntryAreNotVisitedOneByOne) {
+  ScratchDir dir;
+  const std::string image = dir / "tiny-sectors.img";
+  MakeExfatImage(image, 16ull << 20, 4096);
+  std::vector<uint8_t> boot = ReadBytes(image, 0, 512);
+  const ExfatGeometry g = ParseGeometry(boot);
+  // Clusters below 4 would share the first FAT sector's first 16 bytes with
+  // entries 0 and 1.
+  ASSERT_GE(g.root_cluster, 4u);
+  constexpr uint64_t kChain = 40;
+  ASSERT_LE(g.root_cluster + kChain - 1, g.cluster_count + 1);
+  for (uint64_t k = 0; k < kChain; ++k) {
+    const uint64_t cluster = g.root_cluster + k;
+    const uint32_t next = k + 1 == kChain ? kEndOfChain : static_cast<uint32_t>(cluster + 1);
+    WriteBytes(image, (g.fat_offset + cluster / 4) * 512 + (cluster % 4) * 4, Le32(next));
+  }
+  boot[108] = 4;
+  boot[109] = 31;
+  WriteBytes(image, 0, boot);
+  const std::vector<uint8_t> before = ReadFileBytes(image);
+
+  const ProcessResult r = RunQuickly({"-d", image});
+  ASSERT_EQ(r.signal, 0) << "still walking the root after " << kQuickSeconds << " s";
+  EXPECT_EQ(r.exit_status, 0);
+  EXPECT_EQ(Lines(r.err), Preamble(image));
+  EXPECT_TRUE(ReadFileBytes(image) == before) << "the image changed";
+}
