@@ -22,8 +22,6 @@ using namespace testsupport;
 
 namespace {
 
-std::string Hex(uint64_t v) { return Format("%llx", static_cast<unsigned long long>(v)); }
-
 class FsckVerdicts : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
