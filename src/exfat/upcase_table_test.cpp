@@ -164,14 +164,3 @@ TEST(UpcaseTable, CraftedTableEndingInMarkerLoadsAcrossSectors) {
   EXPECT_EQ(fat.UpcaseEntry(337), 0xFFFF);
   EXPECT_EQ(fat.UpcaseEntry(338), 338);  // never reached: maps to itself
 }
-
-TEST(UpcaseTable, ChainLeavingTheHeapFails) {
-  TestImage image(32 * 1024 * 1024, 4096);
-  ExfatLayout layout(image.path);
-  const std::vector<uint64_t> cluster = layout.Allocate(1, false, false);
-  const uint64_t beyond = layout.Geometry().cluster_count + 3;
-  layout.WriteFat(cluster[0], static_cast<uint32_t>(beyond));
-  LoadedVolume volume(image.path);
-  EXPECT_EQ(StderrOf([&] { EXPECT_FALSE(volume.fat->LoadUpcaseTable(cluster[0], 8192, 0)); }),
-            InvalidCluster(beyond, layout.Geometry().cluster_count));
-}
