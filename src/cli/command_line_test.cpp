@@ -57,22 +57,6 @@ TEST(ParseCommandLine, EitherPathAloneIsEnough) {
   EXPECT_TRUE(Parse({"tool", "-h", "-v", "/mnt"}).options.ok);
 }
 
-TEST(ParseCommandLine, RejectsAndPrintsTheUsage) {
-  for (const auto& words : std::vector<std::vector<std::string>>{
-           {"tool"},
-           {"tool", "--help"},
-           {"tool", "-c", "fat", "-a", "rename"},
-           {"tool", "-v", "/mnt/x", "extra"},
-           {"tool", "-x", "-v", "/mnt"},
-           {"tool", "-d/dev/sdb1"},
-           {"tool", "-v"},
-       }) {
-    Parsed p = Parse(words);
-    EXPECT_FALSE(p.options.ok) << words.size();
-    EXPECT_NE(p.err.find("Usage: tool [-d --device] <path>"), std::string::npos) << p.err;
-  }
-}
-
 TEST(ParseCommandLine, ParsesAgainFromTheStart) {
   // getopt keeps global state; a second parse must not continue the first.
   EXPECT_EQ(Parse({"tool", "-v", "/a"}).options.volume, "/a");

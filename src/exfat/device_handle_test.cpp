@@ -1,15 +1,12 @@
 #include "exfat/device_handle.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <fstream>
 
 #include "exfat_image.h"
 #include "loaded_volume_test_util.h"
-#include "platform/errno_exception.h"
 #include "process.h"
 #include "scratch.h"
 
@@ -41,25 +38,6 @@ class LoopDevice {
 };
 
 }  // namespace
-
-TEST(DeviceHandle, CountsWholeSectorsOnly) {
-  testsupport::ScratchDir dir;
-  DeviceHandle device;
-  EXPECT_TRUE(device.Open(MakeFile(dir, 3 * 512 + 100, 0), 512, false));
-  EXPECT_EQ(device.SectorCount(), 3);
-}
-
-TEST(DeviceHandle, MissingPathThrowsWithThePath) {
-  testsupport::ScratchDir dir;
-  DeviceHandle device;
-  try {
-    device.Open(dir / "absent", 512, false);
-    FAIL() << "no exception";
-  } catch (const ErrnoException& e) {
-    EXPECT_EQ(e.ErrorNumber(), ENOENT);
-    EXPECT_EQ(std::string(e.what()), dir / "absent" + ": No such file or directory (2)");
-  }
-}
 
 TEST(DeviceHandle, ReadsAndWritesWholeSectorsAtTheirOffsets) {
   testsupport::ScratchDir dir;
@@ -104,22 +82,4 @@ TEST(DeviceHandle, BlockDeviceWritePastTheEndIsReported) {
     EXPECT_EQ(StderrOf([&] { EXPECT_FALSE(device.WriteSectors(2, 64, buffer)); }), "Failed to write 2 from 64\n");
   }
   EXPECT_EQ(testsupport::ReadFileBytes(path), before);
-}
-
-TEST(DeviceHandle, DeviceInExclusiveUseIsRefusedWithEbusy) {
-  if (geteuid() != 0) GTEST_SKIP() << "loop devices need root";
-  testsupport::ScratchDir dir;
-  const std::string path = MakeFile(dir, 64 * 512, 0x11);
-  LoopDevice loop(path);
-  if (loop.Path().empty()) GTEST_SKIP() << "no loop device";
-  // Held exclusively, as a mount holds it.
-  UniqueFd holder(open(loop.Path().c_str(), O_RDONLY | O_EXCL | O_CLOEXEC));
-  ASSERT_TRUE(holder.IsOpen());
-  DeviceHandle device;
-  try {
-    device.Open(loop.Path(), 512, false);
-    FAIL() << "no exception";
-  } catch (const ErrnoException& e) {
-    EXPECT_EQ(std::string(e.what()), loop.Path() + ": Device or resource busy (16)");
-  }
 }

@@ -140,6 +140,10 @@ class TreeWalk {
     DirectoryScan& scan = *level.scan;
     scan.entry_index = 0;
     level.sector_loaded = false;
+    // Sectors too small to hold an entry have nothing to visit: the rest of
+    // the cluster is passed over at once rather than sector by sector (up
+    // to 2^31 of them).
+    if (m_entries_per_sector == 0) scan.sector_in_cluster = m_boot.SectorsPerCluster() - 1;
     if (++scan.sector_in_cluster < m_boot.SectorsPerCluster()) return true;
     scan.sector_in_cluster = 0;
     const uint64_t next = m_fat.NextCluster(scan.cluster, scan.parent->no_fat_chain, scan.parent->valid_data_length);

@@ -26,25 +26,6 @@ std::string Scan(const std::string& path) {
 
 }  // namespace
 
-TEST(ScanRoot, NamesArePrintedAsUtf8WhateverTheProcessLocale) {
-  TestImage image(16 * 1024 * 1024, 4096);
-  ExfatLayout layout(image.path);
-  VolumeCrafter craft(layout);
-  // Empty files: each is deleted as having no first cluster.
-  const std::u16string names[] = {u"gr\u00f6\u00dfe", u"\u65e5\u672c", u"\U0001F600.txt",
-                                  std::u16string{u'a', char16_t(0xD800), u'b'}};
-  for (const std::u16string& name : names) {
-    EntrySetSpec spec;
-    spec.name = name;
-    craft.Place(craft.Root(), testsupport::BuildEntrySet(spec), name);
-  }
-  const std::string invalid = InvalidCluster(0, layout.Geometry().cluster_count);
-  EXPECT_EQ(Scan(image.path), invalid + "Deleting gr\u00f6\u00dfe due to invalid first cluster\n" + invalid +
-                                  "Deleting \u65e5\u672c due to invalid first cluster\n" + invalid +
-                                  "Deleting \U0001F600.txt due to invalid first cluster\n" + invalid +
-                                  "Deleting a\uFFFDb due to invalid first cluster\n");
-}
-
 TEST(ScanRoot, TreeDeeperThanTheLimitIsWalkedToTheLimitOnly) {
   TestImage image(32 * 1024 * 1024, 512);
   ExfatLayout layout(image.path);

@@ -1,5 +1,7 @@
 #include "exfat/upcase_table.h"
 
+#include <algorithm>
+
 #include "exfat/boot_sector.h"
 #include "exfat/device_handle.h"
 #include "exfat/fat.h"
@@ -26,8 +28,13 @@ void UpcaseExpander::Expand(std::span<const uint8_t> chunk, bool last) {
       else
         m_run_pending = true;
     } else if (m_run_pending) {
-      // Identity entries: entry i maps to i.
-      for (uint64_t k = 0; k < value; ++k) Store(static_cast<uint16_t>(m_next_index));
+      // Identity entries: entry i maps to i. The part of a run past the
+      // table's end is only counted: walking it entry by entry would let a
+      // long chain of runs keep the scan busy for hours.
+      const uint64_t room = m_next_index < m_table.size() ? m_table.size() - m_next_index : 0;
+      const uint64_t stored = std::min<uint64_t>(value, room);
+      for (uint64_t k = 0; k < stored; ++k) Store(static_cast<uint16_t>(m_next_index));
+      m_next_index += value - stored;
       m_run_pending = false;
     } else {
       Store(value);

@@ -13,17 +13,12 @@
 #include <optional>
 #include <stdexcept>
 
-#include "exfat_image.h"
-#include "mounted_volume.h"
-#include "process.h"
-#include "scratch.h"
+#include "exfat_volume.h"
 #include "tests/fill_volume.h"
 
 namespace {
 
-using testsupport::MakeExfatImage;
-using testsupport::MountedVolume;
-using testsupport::ScratchDir;
+using testsupport::ExfatVolume;
 
 // What the last test function was given, and how often it ran.
 std::string g_directory;
@@ -50,20 +45,18 @@ void ThrowsFilesystemError(const std::string& directory) {
 class RunnerOnExfat : public ::testing::Test {
  protected:
   void Mount(bool read_only = false, uint32_t cluster = 4096) {
-    MakeExfatImage(m_scratch / "volume.img", 16 << 20, cluster);
-    m_volume.emplace(m_scratch / "volume.img", m_scratch / "mnt", read_only);
+    m_volume.emplace(16 << 20, cluster, read_only);
     g_directory.clear();
     g_calls = 0;
   }
   bool Run(VolumeTest test, std::string* err) {
     testing::internal::CaptureStderr();
-    const bool passed = RunTest(m_volume->MountPoint(), test);
+    const bool passed = RunTest(m_volume->Path(), test);
     *err = testing::internal::GetCapturedStderr();
     return passed;
   }
 
-  ScratchDir m_scratch;
-  std::optional<MountedVolume> m_volume;
+  std::optional<ExfatVolume> m_volume;
 };
 
 TEST_F(RunnerOnExfat, GivesTheTestAnEmptyRuntestsDirectory) {
@@ -72,7 +65,7 @@ TEST_F(RunnerOnExfat, GivesTheTestAnEmptyRuntestsDirectory) {
   std::string err;
   EXPECT_TRUE(Run(RecordingTest, &err));
   EXPECT_EQ(err, "");
-  EXPECT_EQ(g_directory, m_volume->MountPoint() + "/runtests/");
+  EXPECT_EQ(g_directory, m_volume->Path() + "/runtests/");
   EXPECT_TRUE(std::filesystem::is_directory(g_directory));
 
   // What an earlier run left, files and directories, is gone before the test.
@@ -83,7 +76,7 @@ TEST_F(RunnerOnExfat, GivesTheTestAnEmptyRuntestsDirectory) {
   EXPECT_TRUE(Run(ExpectsEmptyDirectory, &err));
   EXPECT_EQ(g_calls, 3);
   // And the last run's file stays after it.
-  EXPECT_TRUE(std::filesystem::exists(m_volume->MountPoint() + "/runtests/left-behind"));
+  EXPECT_TRUE(std::filesystem::exists(m_volume->Path() + "/runtests/left-behind"));
 }
 
 TEST_F(RunnerOnExfat, AnyThrownTypeIsATestFailure) {
@@ -116,7 +109,7 @@ TEST(Runner, MissingVolumeIsATestFailure) {
 TEST_F(RunnerOnExfat, FillVolumeLeavesTheAskedClustersFree) {
   QVEXFAT_REQUIRE_MOUNTS();
   Mount(false, 8192);
-  const std::string directory = m_volume->MountPoint() + "/";
+  const std::string directory = m_volume->Path() + "/";
   struct statvfs before {};
   ASSERT_EQ(statvfs(directory.c_str(), &before), 0);
   testing::internal::CaptureStderr();

@@ -17,8 +17,7 @@
 #include <vector>
 
 #include "exfat_image.h"
-#include "mounted_volume.h"
-#include "scratch.h"
+#include "exfat_volume.h"
 
 namespace {
 
@@ -35,10 +34,8 @@ extern "C" ssize_t __wrap_write(int fd, const void* buffer, size_t length) {
 
 namespace {
 
-using testsupport::MakeExfatImage;
-using testsupport::MountedVolume;
+using testsupport::ExfatVolume;
 using testsupport::ReadFileBytes;
-using testsupport::ScratchDir;
 
 // Records the sizes of the writes made while it lives.
 struct WriteRecorder {
@@ -104,13 +101,11 @@ class VerifiedFileOnExfat : public ::testing::Test {
  protected:
   void SetUp() override {
     QVEXFAT_REQUIRE_MOUNTS();
-    MakeExfatImage(m_scratch / "volume.img", 16 << 20, 4096);
-    m_volume.emplace(m_scratch / "volume.img", m_scratch / "mnt");
+    m_volume.emplace(16 << 20, 4096);
   }
-  std::string PathOf(const std::string& name) const { return m_volume->MountPoint() + "/" + name; }
+  std::string PathOf(const std::string& name) const { return m_volume->Path() + "/" + name; }
 
-  ScratchDir m_scratch;
-  std::optional<MountedVolume> m_volume;
+  std::optional<ExfatVolume> m_volume;
 };
 
 TEST_F(VerifiedFileOnExfat, WritesChunkPiecesFromTheStartOfItsOwnBlock) {

@@ -21,14 +21,8 @@ using namespace testsupport;
 
 namespace {
 
-std::string Joined(const std::vector<std::string>& lines) {
-  std::string text;
-  for (const std::string& line : lines) text += line + "\n";
-  return text;
-}
-
 class Corruption : public ::testing::Test {
- protected:
+ public:
   void SetUp() override {
     m_pristine = m_dir / "pristine.img";
     MakeExfatImage(m_pristine, 16ull << 20, 4096);
@@ -66,12 +60,8 @@ class Corruption : public ::testing::Test {
   void Expect(const std::string& description, int status, const std::vector<std::string>& lines,
               const std::vector<uint8_t>& expected) {
     const std::string image = Copy();
-    ProcessResult r = Run(image, description);
-    EXPECT_EQ(r.exit_status, status) << description;
-    EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.err, Joined(Concat(Preamble(image), lines))) << description;
-    const std::vector<uint8_t> after = ReadFileBytes(image);
-    EXPECT_EQ(DifferingOffsets(expected, after), std::vector<uint64_t>{}) << description;
+    ExpectToolRun({"-d", image, "-c", description}, status, Joined(Concat(Preamble(image), lines)),
+                  image, expected);
   }
 
   uint64_t FatOffset(uint64_t cluster) const {
@@ -99,7 +89,6 @@ class Corruption : public ::testing::Test {
     return image;
   }
 
-  std::string Hex(uint64_t v) const { return Format("%" PRIx64, v); }
   std::string Total() const { return Hex(m_geometry.cluster_count + 2); }
   std::string BitmapUpdateLine() const {
     return Format("UpdateAllocationBitmap at cluster %u (%" PRIu64 " bytes)", m_bitmap.first_cluster,
@@ -165,10 +154,9 @@ TEST_F(Corruption, BitmapBitsWithExplicitParameters) {
          {"Corrupt BITMAP from 100 for 10 clusters, to value 1", BitmapUpdateLine()},
          WithBits(m_bytes, 0x100, 0x10, true));
   // Any non-zero value sets the bits.
-  const std::string image = Copy();
-  ProcessResult r = Run(image, "bitmap:start:200:range:9:value:5");
-  EXPECT_EQ(r.exit_status, 0);
-  EXPECT_EQ(DifferingOffsets(WithBits(m_bytes, 0x200, 9, true), ReadFileBytes(image)), std::vector<uint64_t>{});
+  Expect("bitmap:start:200:range:9:value:5", 0,
+         {"Corrupt BITMAP from 200 for 9 clusters, to value 5", BitmapUpdateLine()},
+         WithBits(m_bytes, 0x200, 9, true));
   // The last in-range cluster, ClusterCount + 2, is one bit past the
   // bitmap's clusters; ClusterCount + 1 is the last real one.
   Expect("bitmap:start:" + Hex(m_geometry.cluster_count + 1) + ":range:1:value:1", 0,
@@ -246,11 +234,6 @@ TEST_F(Corruption, BootRegionsOneByteInTheirSectors) {
 TEST_F(Corruption, NothingToDo) {
   for (const char* description : {"", ":", "::"})
     Expect(description, 0, {}, m_bytes);
-  const std::string image = Copy();
-  ProcessResult r = RunTool({"-d", image});
-  EXPECT_EQ(r.exit_status, 0);
-  EXPECT_EQ(r.err, Joined(Preamble(image)));
-  EXPECT_EQ(ReadFileBytes(image), m_bytes);
   Expect("bogus", 0, {"Unknown corruption: bogus"}, m_bytes);
   Expect("bogus:start:2", 0, {"Unknown corruption: bogus"}, m_bytes);
   Expect("fats", 0, {"Unknown corruption: fats"}, m_bytes);
@@ -260,71 +243,66 @@ TEST_F(Corruption, NothingToDo) {
 TEST_F(Corruption, DescriptionSyntax) {
   const std::vector<uint8_t> one = WithFat(m_bytes, 0x20, 1, 5);
   const std::vector<std::string> line{"Corrupt FAT from 20 for 1 clusters, to value 5"};
+  // The reading of keywords and values is covered in detail beside its code;
+  // these show it joined to the kinds.
   Expect("FAT:START:20:RANGE:1:VALUE:5", 0, line, one);
-  Expect("Fat:Start:20:Range:1:Value:5", 0, line, one);
   Expect("fat::start:20::range:1:value:5:", 0, line, one);
-  Expect("fat:start:0x20:range:0x1:value:0x5", 0, line, one);
-  Expect("fat:junk:start:20:range:1:value:5", 0, line, one);
-  Expect("fat:start:21:range:1:value:5:start:20", 0, line, one);
-  Expect("fat:start:20:range:1:value:5:start:zz", 0, line, one);
-  Expect("fat:value:5:range:1:start:20", 0, line, one);
+  Expect("fat:junk:value:5:range:1:start:0x21:start:20:start:zz", 0, line, one);
 }
 
-TEST_F(Corruption, InvalidValuesKeepTheRandomDefault) {
-  for (const char* description : {"fat:start:zz:range:1:value:5", "fat:range:1:value:5:start"}) {
-    const std::string image = Copy();
-    ProcessResult r = Run(image, description);
-    EXPECT_EQ(r.exit_status, 0) << description;
-    std::vector<std::string> lines = Lines(r.err);
-    const size_t preamble = Preamble(image).size();
-    ASSERT_GT(lines.size(), preamble);
-    uint64_t start, range, value;
-    ASSERT_TRUE(ParseCorruptLine(lines[preamble], "FAT", start, range, value)) << lines[preamble];
-    EXPECT_EQ(range, 1u);
-    EXPECT_EQ(value, 5u);
-    EXPECT_LE(start, m_geometry.cluster_count + 2);
-    std::vector<uint8_t> expected = m_bytes;
-    std::vector<std::string> more;
-    if (start >= 2) {
-      expected = WithFat(m_bytes, start, 1, 5);
-    } else {
-      more.push_back("Invalid cluster: " + Hex(start) + " (" + Total() + " total)");
-    }
-    EXPECT_EQ(std::vector<std::string>(lines.begin() + preamble + 1, lines.end()), more);
-    EXPECT_EQ(DifferingOffsets(expected, ReadFileBytes(image)), std::vector<uint64_t>{});
+namespace {
+
+// Runs a FAT corruption with parameters drawn at random on a copy, reads
+// them back from its first line, and checks the rest of the lines and the
+// image against them: each entry of the range is written when in range,
+// else reported in one line.
+void ExpectDrawnFatCorruption(Corruption& t, const std::string& description, uint64_t& start,
+                              uint64_t& range, uint64_t& value) {
+  SCOPED_TRACE(description);
+  const std::string image = t.Copy();
+  ProcessResult r = t.Run(image, description);
+  ASSERT_EQ(r.exit_status, 0);
+  std::vector<std::string> lines = Lines(r.err);
+  const size_t preamble = Preamble(image).size();
+  ASSERT_GT(lines.size(), preamble);
+  ASSERT_TRUE(ParseCorruptLine(lines[preamble], "FAT", start, range, value)) << lines[preamble];
+  ASSERT_LE(range, 1000u);
+  std::vector<uint8_t> expected = t.m_bytes;
+  std::vector<std::string> more;
+  for (uint64_t c = start; c < start + range; ++c) {
+    if (c >= 2 && c <= t.m_geometry.cluster_count + 2)
+      PutLe(&expected[t.FatOffset(c)], value, 4);
+    else
+      more.push_back("Invalid cluster: " + Hex(c) + " (" + t.Total() + " total)");
   }
+  EXPECT_EQ(std::vector<std::string>(lines.begin() + preamble + 1, lines.end()), more);
+  EXPECT_EQ(DifferingOffsets(expected, ReadFileBytes(image)), std::vector<uint64_t>{});
 }
+
+}  // namespace
 
 TEST_F(Corruption, RandomFatDefaultsStayInRange) {
   std::set<uint64_t> starts;
+  uint64_t start, range, value;
   for (const char* description : {"fat", "fat:range", "fat:start", "fat:value"}) {
     for (int run = 0; run < 5; ++run) {
-      const std::string image = Copy();
-      ProcessResult r = Run(image, description);
-      ASSERT_EQ(r.exit_status, 0) << description;
-      std::vector<std::string> lines = Lines(r.err);
-      const size_t preamble = Preamble(image).size();
-      ASSERT_GT(lines.size(), preamble);
-      uint64_t start, range, value;
-      ASSERT_TRUE(ParseCorruptLine(lines[preamble], "FAT", start, range, value)) << lines[preamble];
+      ExpectDrawnFatCorruption(*this, description, start, range, value);
+      if (HasFatalFailure()) return;
       EXPECT_LE(start, m_geometry.cluster_count + 2);
-      EXPECT_LE(range, 1000u);
       EXPECT_LE(value, 0x7FFFFFFFu);
       starts.insert(start);
-      // Each entry of the range: written when in range, else one line.
-      std::vector<uint8_t> expected = m_bytes;
-      std::vector<std::string> more;
-      for (uint64_t c = start; c < start + range; ++c) {
-        if (c >= 2 && c <= m_geometry.cluster_count + 2)
-          PutLe(&expected[FatOffset(c)], value, 4);
-        else
-          more.push_back("Invalid cluster: " + Hex(c) + " (" + Total() + " total)");
-      }
-      EXPECT_EQ(std::vector<std::string>(lines.begin() + preamble + 1, lines.end()), more);
-      EXPECT_EQ(DifferingOffsets(expected, ReadFileBytes(image)), std::vector<uint64_t>{});
     }
   }
   EXPECT_GE(starts.size(), 10u) << "the defaults do not look random";
+  // A value that is not hexadecimal, or a keyword without a value, keeps
+  // the random default.
+  for (const char* description : {"fat:start:zz:range:1:value:5", "fat:range:1:value:5:start"}) {
+    ExpectDrawnFatCorruption(*this, description, start, range, value);
+    if (HasFatalFailure()) return;
+    EXPECT_LE(start, m_geometry.cluster_count + 2);
+    EXPECT_EQ(range, 1u);
+    EXPECT_EQ(value, 5u);
+  }
 }
 
 TEST_F(Corruption, RandomBitmapDefaultsStayInRange) {
@@ -408,11 +386,10 @@ TEST_F(Corruption, UpcaseOnAVolumeWithoutAnUpcaseTableFails) {
 
 TEST_F(Corruption, BothModesInOneRun) {
   const std::string image = Copy();
-  ProcessResult r = RunTool({"-d", image, "-c", "fat:start:20:range:1:value:5", "-v",
-                             (m_dir / "no-volume"), "-a", "no-such-action"});
-  EXPECT_EQ(r.exit_status, 0);
-  EXPECT_EQ(r.err, Joined(Concat(Preamble(image), {"Corrupt FAT from 20 for 1 clusters, to value 5"})));
-  EXPECT_EQ(DifferingOffsets(WithFat(m_bytes, 0x20, 1, 5), ReadFileBytes(image)), std::vector<uint64_t>{});
+  ExpectToolRun({"-d", image, "-c", "fat:start:20:range:1:value:5", "-v", m_dir / "no-volume", "-a",
+                 "no-such-action"},
+                0, Joined(Concat(Preamble(image), {"Corrupt FAT from 20 for 1 clusters, to value 5"})), image,
+                WithFat(m_bytes, 0x20, 1, 5));
 }
 
 namespace {

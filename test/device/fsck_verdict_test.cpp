@@ -22,8 +22,6 @@ using namespace testsupport;
 
 namespace {
 
-std::string Hex(uint64_t v) { return Format("%llx", static_cast<unsigned long long>(v)); }
-
 class FsckVerdicts : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -66,10 +64,29 @@ class FsckVerdicts : public ::testing::Test {
     ProcessResult r = RunTool({"-d", image, "-c", description});
     EXPECT_EQ(r.exit_status, 0) << r.err;
     EXPECT_NE(ReadFileBytes(image), ReadFileBytes(s_pristine)) << description << " wrote nothing";
-    FsckVerdict verdict = CheckImage(image);
-    std::cout << "[fsck.exfat -n after " << description << "] exit " << verdict.exit_status << "\n"
-              << verdict.output;
+    FsckVerdict verdict = Check(image, description);
     if (damaged != nullptr) *damaged = ReadFileBytes(image);
+    return verdict;
+  }
+
+  // Runs a kind that writes an inverted byte on copies until the image
+  // really changed (the byte may already hold that value); returns the copy,
+  // or "" after ten tries.
+  std::string ChangedCopy(const std::string& kind) {
+    for (int attempt = 0; attempt < 10; ++attempt) {
+      const std::string image = *s_dir / (kind + std::to_string(attempt) + ".img");
+      std::filesystem::copy_file(s_pristine, image);
+      ProcessResult r = RunTool({"-d", image, "-c", kind});
+      EXPECT_EQ(r.exit_status, 0) << r.err;
+      if (ReadFileBytes(image) != ReadFileBytes(s_pristine)) return image;
+    }
+    ADD_FAILURE() << kind << " never changed the image in ten runs";
+    return "";
+  }
+
+  static FsckVerdict Check(const std::string& image, const std::string& what) {
+    FsckVerdict verdict = CheckImage(image);
+    std::cout << "[fsck.exfat -n after " << what << "] exit " << verdict.exit_status << "\n" << verdict.output;
     return verdict;
   }
 
@@ -122,22 +139,11 @@ TEST_F(FsckVerdicts, RootByteInAnEntryInUseIsCaught) {
 }
 
 TEST_F(FsckVerdicts, MainBootRegionIsCaught) {
-  // The inverted byte may land on a byte that already has that value; try
-  // until the region really changed.
-  for (int attempt = 0; attempt < 10; ++attempt) {
-    std::vector<uint8_t> damaged;
-    const std::string image = *s_dir / ("main" + std::to_string(attempt) + ".img");
-    std::filesystem::copy_file(s_pristine, image);
-    ProcessResult r = RunTool({"-d", image, "-c", "main"});
-    ASSERT_EQ(r.exit_status, 0);
-    if (ReadFileBytes(image) == ReadFileBytes(s_pristine)) continue;
-    FsckVerdict v = CheckImage(image);
-    std::cout << "[fsck.exfat -n after main] exit " << v.exit_status << "\n" << v.output;
-    EXPECT_NE(v.exit_status, 0);
-    EXPECT_TRUE(Mentions(v, "checksum of boot region is not correct")) << v.output;
-    return;
-  }
-  FAIL() << "main never changed the image in ten runs";
+  const std::string image = ChangedCopy("main");
+  if (image.empty()) return;
+  FsckVerdict v = Check(image, "main");
+  EXPECT_NE(v.exit_status, 0);
+  EXPECT_TRUE(Mentions(v, "checksum of boot region is not correct")) << v.output;
 }
 
 // --- Damage the checker does not see --------------------------------------
@@ -173,27 +179,19 @@ TEST_F(FsckVerdicts, FatOfAFileWithoutFatChainIsMissed) {
 }
 
 TEST_F(FsckVerdicts, BackupBootRegionIsMissed) {
-  for (int attempt = 0; attempt < 10; ++attempt) {
-    const std::string image = *s_dir / ("backup" + std::to_string(attempt) + ".img");
-    std::filesystem::copy_file(s_pristine, image);
-    ProcessResult r = RunTool({"-d", image, "-c", "backup"});
-    ASSERT_EQ(r.exit_status, 0);
-    const std::vector<uint8_t> after = ReadFileBytes(image);
-    if (after == ReadFileBytes(s_pristine)) continue;
-    FsckVerdict v = CheckImage(image);
-    std::cout << "[fsck.exfat -n after backup] exit " << v.exit_status << "\n" << v.output;
-    EXPECT_EQ(v.exit_status, 0) << v.output;
-    // The damage is real: the backup region no longer matches its checksum
-    // sector (all of whose copies should equal the computed sum).
-    const uint32_t computed = BootRegionChecksum(&after[12 * 512], 512);
-    bool mismatch = false;
-    for (size_t at = 23 * 512; at < 24 * 512; at += 4) mismatch |= GetLe(&after[at], 4) != computed;
-    EXPECT_TRUE(mismatch) << "backup damage not visible to the boot checksum";
-    // And the main region still matches its own.
-    EXPECT_EQ(BootRegionChecksum(&after[0], 512), GetLe(&after[11 * 512], 4));
-    return;
-  }
-  FAIL() << "backup never changed the image in ten runs";
+  const std::string image = ChangedCopy("backup");
+  if (image.empty()) return;
+  FsckVerdict v = Check(image, "backup");
+  EXPECT_EQ(v.exit_status, 0) << v.output;
+  // The damage is real: the backup region no longer matches its checksum
+  // sector (all of whose copies should equal the computed sum).
+  const std::vector<uint8_t> after = ReadFileBytes(image);
+  const uint32_t computed = BootRegionChecksum(&after[12 * 512], 512);
+  bool mismatch = false;
+  for (size_t at = 23 * 512; at < 24 * 512; at += 4) mismatch |= GetLe(&after[at], 4) != computed;
+  EXPECT_TRUE(mismatch) << "backup damage not visible to the boot checksum";
+  // And the main region still matches its own.
+  EXPECT_EQ(BootRegionChecksum(&after[0], 512), GetLe(&after[11 * 512], 4));
 }
 
 TEST_F(FsckVerdicts, RootDamageInAnUnusedEntryIsMissed) {
@@ -208,7 +206,6 @@ TEST_F(FsckVerdicts, RootDamageInAnUnusedEntryIsMissed) {
   ASSERT_EQ(r.exit_status, 0);
   EXPECT_EQ(DifferingOffsets(before, ReadFileBytes(image)),
             std::vector<uint64_t>{layout.ClusterOffset(layout.Geometry().root_cluster) + 250});
-  FsckVerdict v = CheckImage(image);
-  std::cout << "[fsck.exfat -n after root, unused entry] exit " << v.exit_status << "\n" << v.output;
+  FsckVerdict v = Check(image, "root, unused entry");
   EXPECT_EQ(v.exit_status, 0) << v.output;
 }

@@ -15,12 +15,6 @@ using namespace testsupport;
 
 namespace {
 
-std::string Joined(const std::vector<std::string>& lines) {
-  std::string text;
-  for (const std::string& line : lines) text += line + "\n";
-  return text;
-}
-
 class HostileImage : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -76,25 +70,6 @@ TEST_F(HostileImage, RootChainLoopingThroughTwoClusters) {
   }
   ProcessResult r = RunBounded();
   EXPECT_LT(r.err.size(), 1u << 20);
-}
-
-TEST_F(HostileImage, DirectoriesNestedDeeply) {
-  {
-    ExfatLayout layout(m_image);
-    VolumeCrafter craft(layout);
-    CraftedDir parent = craft.Root();
-    for (int depth = 0; depth < 300; ++depth) {
-      CraftedDir child;
-      craft.AddDirectory(parent, u"d", child);
-      parent = child;
-    }
-    craft.Place(parent, BuildEntrySet({u"bottom"}), u"bottom");
-  }
-  ProcessResult r = RunBounded();
-  ExfatLayout layout(m_image);
-  EXPECT_EQ(r.exit_status, 0);
-  EXPECT_EQ(r.err, Joined(Concat(Preamble(m_image), {InvalidClusterLine(0, layout.Geometry()),
-                                                     "Deleting bottom due to invalid first cluster"})));
 }
 
 TEST_F(HostileImage, SetOfTwoHundredFiftySixEntries) {

@@ -1,10 +1,15 @@
 #include "device_expect.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdarg>
 #include <cstdio>
 #include <fstream>
 #include <stdexcept>
 #include <sys/stat.h>
+
+#include "exfat_image.h"
+#include "process.h"
 
 namespace testsupport {
 
@@ -16,6 +21,8 @@ std::string Format(const char* format, ...) {
   va_end(args);
   return buffer;
 }
+
+std::string Hex(uint64_t value) { return Format("%llx", static_cast<unsigned long long>(value)); }
 
 std::string AnnouncementLine(const std::string& path, uint64_t bytes) {
   const unsigned long long sectors = bytes / 512;
@@ -51,6 +58,18 @@ std::string InvalidClusterLine(uint64_t cluster, const ExfatGeometry& g) {
                 static_cast<unsigned long long>(g.cluster_count + 2));
 }
 
+void ExpectToolRun(const std::vector<std::string>& args, int status, const std::string& err,
+                   const std::string& image, const std::vector<uint8_t>& after) {
+  std::string command;
+  for (const std::string& arg : args) command += " " + arg;
+  SCOPED_TRACE("qvexfat-test" + command);
+  ProcessResult r = RunTool(args);
+  EXPECT_EQ(r.exit_status, status);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err, err);
+  EXPECT_EQ(DifferingOffsets(after, ReadFileBytes(image)), std::vector<uint64_t>{});
+}
+
 std::vector<uint64_t> DifferingOffsets(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b) {
   if (a.size() != b.size()) throw std::runtime_error("images differ in size");
   std::vector<uint64_t> offsets;
@@ -63,11 +82,6 @@ void WriteNewFile(const std::string& path, const std::vector<uint8_t>& bytes) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
   if (!out) throw std::runtime_error("cannot write " + path);
-}
-
-std::vector<std::string> Concat(std::vector<std::string> lines, const std::vector<std::string>& more) {
-  lines.insert(lines.end(), more.begin(), more.end());
-  return lines;
 }
 
 }  // namespace testsupport

@@ -8,11 +8,16 @@
 #include <vector>
 
 #include "exfat_layout.h"
+#include "line_lists.h"
 
 namespace testsupport {
 
 // printf into a std::string.
 std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// A number in lower-case hexadecimal without a prefix, as the tool prints
+// clusters and values.
+std::string Hex(uint64_t value);
 
 // "Device <path> opened, <sectors> sectors in size (<MBytes> MBytes)" for an
 // image of `bytes` bytes (whole 512-byte sectors only).
@@ -29,13 +34,17 @@ std::vector<std::string> Preamble(const std::string& path);
 // "Invalid cluster: <c> (<ClusterCount + 2> total)".
 std::string InvalidClusterLine(uint64_t cluster, const ExfatGeometry& g);
 
+// Runs the built tool with `args` and expects exit `status`, nothing on
+// standard output, exactly `err` on standard error, and the file `image`
+// afterwards equal to `after` byte for byte (the differing offsets are
+// reported).
+void ExpectToolRun(const std::vector<std::string>& args, int status, const std::string& err,
+                   const std::string& image, const std::vector<uint8_t>& after);
+
 // Offsets at which two images differ (sizes must match).
 std::vector<uint64_t> DifferingOffsets(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b);
 
 // Creates (or replaces) a file holding exactly `bytes`.
 void WriteNewFile(const std::string& path, const std::vector<uint8_t>& bytes);
-
-// `lines` followed by `more`.
-std::vector<std::string> Concat(std::vector<std::string> lines, const std::vector<std::string>& more);
 
 }  // namespace testsupport

@@ -9,27 +9,18 @@
 #include <vector>
 
 #include "exfat_image.h"
-#include "mounted_volume.h"
-#include "process.h"
-#include "scratch.h"
+#include "exfat_volume.h"
+#include "line_lists.h"
+#include "volume_expect.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using testsupport::CheckImage;
+using namespace volumetest;
+using testsupport::Concat;
+using testsupport::ExfatVolume;
 using testsupport::Lines;
-using testsupport::MakeExfatImage;
-using testsupport::MountedVolume;
 using testsupport::ProcessResult;
-using testsupport::ReadFileBytes;
-using testsupport::RunTool;
-using testsupport::ScratchDir;
-
-const std::string kPattern = [] {
-  std::string pattern;
-  for (int i = 0; i < 5; ++i) pattern += "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
-  return pattern;
-}();
 
 // Splits a test file name into its index; the rest must be a prefix of the
 // name pattern and the whole at most 255 characters.
@@ -38,7 +29,7 @@ int IndexOf(const std::string& name) {
   while (digits > 0 && isdigit(static_cast<unsigned char>(name[digits - 1]))) --digits;
   EXPECT_LT(digits, name.size()) << name;
   EXPECT_LE(name.size(), 255u) << name;
-  EXPECT_EQ(name.substr(0, digits), kPattern.substr(0, digits)) << name;
+  EXPECT_EQ(name.substr(0, digits), NamePattern(digits)) << name;
   return std::stoi(name.substr(digits));
 }
 
@@ -55,28 +46,12 @@ size_t PeriodOf(const std::vector<uint8_t>& bytes) {
   return bytes.size();
 }
 
-struct Volume {
-  Volume(uint64_t bytes, uint32_t cluster) : image(scratch / "volume.img") {
-    MakeExfatImage(image, bytes, cluster);
-    mounted.emplace(image, scratch / "mnt");
-  }
-  std::string Path() const { return mounted->MountPoint(); }
-  std::string Runtests() const { return Path() + "/runtests/"; }
-
-  ScratchDir scratch;
-  std::string image;
-  std::optional<MountedVolume> mounted;
-};
-
 TEST(DirectoryStructureTest, PassesAndLeavesTheSecondThousand) {
   QVEXFAT_REQUIRE_MOUNTS();
-  Volume volume(16 << 20, 4096);
-  ProcessResult r = RunTool({"-v", volume.Path(), "-a", "Directory"});
+  ExfatVolume volume(16 << 20, 4096);
+  ProcessResult r = volume.Run("Directory");
   EXPECT_EQ(r.exit_status, 0);
-  EXPECT_EQ(Lines(r.err), std::vector<std::string>({"Creating 1000 test files",
-                                                    "Deleting 1000 test files",
-                                                    "Re-creating 1000 test files",
-                                                    "Directory structure test success"}));
+  EXPECT_EQ(Lines(r.err), DirectoryPassLines());
   std::set<int> indexes;
   for (const auto& entry : fs::directory_iterator(volume.Runtests())) {
     EXPECT_EQ(entry.file_size(), 0u);
@@ -85,45 +60,39 @@ TEST(DirectoryStructureTest, PassesAndLeavesTheSecondThousand) {
   EXPECT_EQ(indexes.size(), 1000u);
   EXPECT_EQ(*indexes.begin(), 0);
   EXPECT_EQ(*indexes.rbegin(), 999);
-  volume.mounted->Unmount();
-  testsupport::FsckVerdict verdict = CheckImage(volume.image);
+  volume.Unmount();
+  testsupport::FsckVerdict verdict = testsupport::CheckImage(volume.Image());
   EXPECT_EQ(verdict.exit_status, 0) << verdict.output;
   EXPECT_NE(verdict.output.find("files 1000"), std::string::npos) << verdict.output;
 }
 
 TEST(ClusterAllocationTest, PassesAndLeavesTenPeriodicFiles) {
   QVEXFAT_REQUIRE_MOUNTS();
-  Volume volume(160 << 20, 4096);  // room for the largest possible run (about 100 MiB)
-  ProcessResult r = RunTool({"-v", volume.Path(), "-a", "cluster"});
+  ExfatVolume volume(160 << 20, 4096);  // room for the largest possible run (about 100 MiB)
+  ProcessResult r = volume.Run("cluster");
   EXPECT_EQ(r.exit_status, 0);
-  std::vector<std::string> expected{"Cluster allocation test", "Create files..."};
-  for (int pass = 0; pass < 10; ++pass) expected.push_back("Append to files " + std::to_string(pass));
-  expected.push_back("Verify files");
-  expected.push_back("Cluster allocation test success");
-  EXPECT_EQ(Lines(r.err), expected);
+  EXPECT_EQ(Lines(r.err), Concat(ClusterLines(), {"Cluster allocation test success"}));
 
   // Ten files, indexes 0 to 9, each a whole number of repeats of its own
   // block of at most 1023 bytes.
   std::set<int> indexes;
   for (const auto& entry : fs::directory_iterator(volume.Runtests())) {
     indexes.insert(IndexOf(entry.path().filename()));
-    const std::vector<uint8_t> bytes = ReadFileBytes(entry.path());
+    const std::vector<uint8_t> bytes = testsupport::ReadFileBytes(entry.path());
     const size_t period = PeriodOf(bytes);
     EXPECT_LE(period, 1023u) << entry.path() << " size " << bytes.size();
     EXPECT_LE(bytes.size(), 1023u * 1023u * 10u);
   }
   EXPECT_EQ(indexes, std::set<int>({0, 1, 2, 3, 4, 5, 6, 7, 8, 9}));
-  volume.mounted->Unmount();
-  testsupport::FsckVerdict verdict = CheckImage(volume.image);
-  EXPECT_EQ(verdict.exit_status, 0) << verdict.output;
+  volume.ExpectCleanAfterUnmount();
 }
 
 TEST(ClusterAllocationTest, FailsWhenTheVolumeFillsUp) {
   QVEXFAT_REQUIRE_MOUNTS();
   // Ten files of ten random appends need about 25 MiB; 4 MiB holds them
   // only if nearly every chunk length is tiny (odds below one in 10^5).
-  Volume volume(4 << 20, 4096);
-  ProcessResult r = RunTool({"-v", volume.Path(), "-a", "cluster"});
+  ExfatVolume volume(4 << 20, 4096);
+  ProcessResult r = volume.Run("cluster");
   EXPECT_EQ(r.exit_status, 255);
   const std::vector<std::string> lines = Lines(r.err);
   ASSERT_GE(lines.size(), 5u) << r.err;
@@ -134,7 +103,7 @@ TEST(ClusterAllocationTest, FailsWhenTheVolumeFillsUp) {
   EXPECT_EQ(lines[lines.size() - 2], "Cluster allocation test failed: No space left on device (28)");
   EXPECT_EQ(lines.back(), "Test failure");
   // The files stay for inspection.
-  EXPECT_EQ(std::distance(fs::directory_iterator(volume.Runtests()), fs::directory_iterator()), 10);
+  EXPECT_EQ(EntryCount(volume.Runtests()), 10u);
 }
 
 }  // namespace

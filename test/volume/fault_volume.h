@@ -54,12 +54,6 @@ struct FaultVolume {
   std::optional<testsupport::FaultFs> fs;
 };
 
-inline std::vector<std::string> Concat(std::vector<std::string> a,
-                                       const std::vector<std::string>& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
-}
-
 // Escapes a literal for use inside a regular expression.
 inline std::string Literal(const std::string& text) {
   static const std::regex special(R"([.^$|()\[\]{}*+?\\])");

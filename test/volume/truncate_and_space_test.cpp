@@ -10,39 +10,20 @@
 #include <vector>
 
 #include "exfat_image.h"
-#include "mounted_volume.h"
-#include "process.h"
-#include "scratch.h"
+#include "exfat_volume.h"
+#include "line_lists.h"
+#include "volume_expect.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using testsupport::CheckImage;
+using namespace volumetest;
+using testsupport::Concat;
+using testsupport::ExfatVolume;
 using testsupport::Lines;
-using testsupport::MakeExfatImage;
-using testsupport::MountedVolume;
 using testsupport::ProcessResult;
 using testsupport::ReadBytes;
 using testsupport::ReadFileBytes;
-using testsupport::RunTool;
-using testsupport::ScratchDir;
-
-// The 23 rounds' counts of a volume that zero-fills correctly.
-std::vector<std::string> CleanRounds() {
-  std::vector<std::string> lines;
-  for (long half = 1; half <= 4194304; half *= 2) {
-    lines.push_back("Low half: 0 zero bytes, " + std::to_string(half) +
-                    " unmodified bytes, 0 other bytes");
-    lines.push_back("High half: " + std::to_string(half) +
-                    " zero bytes, 0 unmodified bytes, 0 other bytes");
-  }
-  return lines;
-}
-
-std::vector<std::string> Concat(std::vector<std::string> a, const std::vector<std::string>& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
-}
 
 // Every byte equals the byte one period earlier: the pattern the tool's
 // test files are written with.
@@ -69,33 +50,14 @@ int MatchNamedIndex(const std::string& line, const std::string& prefix, const st
   return std::stoi(name.substr(digits));
 }
 
-struct Volume {
-  Volume(uint64_t bytes, uint32_t cluster, bool read_only = false)
-      : image(scratch / "volume.img") {
-    MakeExfatImage(image, bytes, cluster);
-    mounted.emplace(image, scratch / "mnt", read_only);
-  }
-  std::string Path() const { return mounted->MountPoint(); }
-  std::string Runtests() const { return Path() + "/runtests/"; }
-  void ExpectCleanAfterUnmount() {
-    mounted->Unmount();
-    testsupport::FsckVerdict verdict = CheckImage(image);
-    EXPECT_EQ(verdict.exit_status, 0) << verdict.output;
-  }
-
-  ScratchDir scratch;
-  std::string image;
-  std::optional<MountedVolume> mounted;
-};
-
 TEST(TruncateTest, PassesWithTwentyThreeCleanRounds) {
   QVEXFAT_REQUIRE_MOUNTS();
-  Volume volume(32 << 20, 4096);
+  ExfatVolume volume(32 << 20, 4096);
   for (int run = 0; run < 2; ++run) {  // the second run starts from a fresh directory
-    ProcessResult r = RunTool({"-v", volume.Path(), "-a", "truncate"});
+    ProcessResult r = volume.Run("truncate");
     EXPECT_EQ(r.exit_status, 0);
     EXPECT_EQ(r.out, "");
-    EXPECT_EQ(Lines(r.err), Concat({"Truncate test"}, CleanRounds()));
+    EXPECT_EQ(Lines(r.err), Concat({"Truncate test"}, TruncateRounds(true)));
   }
   // The file left behind: 373 bytes of the last fill, the appended text, a
   // zeroed gap and the text again at 14 MiB.
@@ -115,11 +77,11 @@ TEST(TruncateTest, PassesWithTwentyThreeCleanRounds) {
 
 TEST(TruncateTest, FailsWhenTheWritePastTheEndFindsNoSpace) {
   QVEXFAT_REQUIRE_MOUNTS();
-  Volume volume(12 << 20, 4096);  // the rounds fit; 14 MiB does not
-  ProcessResult r = RunTool({"-v", volume.Path(), "-a", "truncate"});
+  ExfatVolume volume(12 << 20, 4096);  // the rounds fit; 14 MiB does not
+  ProcessResult r = volume.Run("truncate");
   EXPECT_EQ(r.exit_status, 255);
   EXPECT_EQ(Lines(r.err),
-            Concat(Concat({"Truncate test"}, CleanRounds()),
+            Concat(Concat({"Truncate test"}, TruncateRounds(true)),
                    {"Truncate test failed: No space left on device (28)", "Test failure"}));
   EXPECT_TRUE(fs::exists(volume.Runtests() + "truncfile"));
 }
@@ -129,13 +91,10 @@ class TruncateBug31031 : public ::testing::TestWithParam<uint32_t> {};
 TEST_P(TruncateBug31031, PassesAndLeavesBothFiles) {
   QVEXFAT_REQUIRE_MOUNTS();
   const uint64_t cluster = GetParam();
-  Volume volume(32 << 20, GetParam());
-  ProcessResult r = RunTool({"-v", volume.Path(), "-a", "TruncateBug31031"});
+  ExfatVolume volume(32 << 20, GetParam());
+  ProcessResult r = volume.Run("TruncateBug31031");
   EXPECT_EQ(r.exit_status, 0);
-  EXPECT_EQ(Lines(r.err),
-            std::vector<std::string>({"Cluster length " + std::to_string(cluster) + " bytes",
-                                      "Create file1", "Create file2", "Append to file1",
-                                      "Truncate file1 once", "Truncate file1 twice"}));
+  EXPECT_EQ(Lines(r.err), Bug31031Lines(cluster));
 
   // Two files named by a NamePattern prefix and their index: file1 cut to 15
   // clusters, file2 untouched at 30, each repeating its own 1 KiB block.
@@ -144,13 +103,11 @@ TEST_P(TruncateBug31031, PassesAndLeavesBothFiles) {
   ASSERT_EQ(files.size(), 2u);
   if (files[0].string().back() == '1') std::swap(files[0], files[1]);
 
-  std::string pattern;
-  for (int i = 0; i < 5; ++i) pattern += "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
   for (int index = 0; index < 2; ++index) {
     const std::string filename = files[index].filename();
     ASSERT_EQ(filename.back(), static_cast<char>('0' + index));
     EXPECT_LE(filename.size(), 255u);
-    EXPECT_EQ(filename, pattern.substr(0, filename.size() - 1) + filename.back());
+    EXPECT_EQ(filename, NamePattern(filename.size() - 1) + filename.back());
   }
   const std::vector<uint8_t> file1 = ReadFileBytes(files[0]);
   const std::vector<uint8_t> file2 = ReadFileBytes(files[1]);
@@ -165,8 +122,8 @@ INSTANTIATE_TEST_SUITE_P(ClusterSizes, TruncateBug31031, ::testing::Values(4096u
 
 TEST(TruncateBug31031Failure, VolumeTooSmallForFile1) {
   QVEXFAT_REQUIRE_MOUNTS();
-  Volume volume(4 << 20, 131072);  // fewer than 30 clusters
-  ProcessResult r = RunTool({"-v", volume.Path(), "-a", "truncatebug31031"});
+  ExfatVolume volume(4 << 20, 131072);  // fewer than 30 clusters
+  ProcessResult r = volume.Run("truncatebug31031");
   EXPECT_EQ(r.exit_status, 255);
   EXPECT_EQ(Lines(r.err), std::vector<std::string>(
                               {"Cluster length 131072 bytes", "Create file1",
@@ -182,9 +139,9 @@ TEST(TruncateBug31031Failure, VolumeTooSmallForFile1) {
 
 TEST(DiskSpaceTest, BothOutOfSpaceChecksPass) {
   QVEXFAT_REQUIRE_MOUNTS();
-  Volume volume(16 << 20, 4096);
+  ExfatVolume volume(16 << 20, 4096);
   const std::string v = volume.Path();
-  ProcessResult r = RunTool({"-v", v, "-a", "diskspace"});
+  ProcessResult r = volume.Run("diskspace");
   EXPECT_EQ(r.exit_status, 0) << r.err;
   const std::vector<std::string> lines = Lines(r.err);
   ASSERT_EQ(lines.size(), 7u) << r.err;

@@ -10,21 +10,15 @@
 #include <string>
 #include <vector>
 
-#include "exfat_image.h"
-#include "mounted_volume.h"
-#include "process.h"
-#include "scratch.h"
+#include "exfat_volume.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using testsupport::CheckImage;
+using testsupport::ExfatVolume;
 using testsupport::Lines;
-using testsupport::MakeExfatImage;
-using testsupport::MountedVolume;
 using testsupport::ProcessResult;
 using testsupport::RunTool;
-using testsupport::ScratchDir;
 
 // Every path below `root` with its size (directories as "/"), sorted.
 std::set<std::string> Listing(const std::string& root) {
@@ -45,14 +39,11 @@ std::string FillDirName(const std::string& base, int index) {
 
 TEST(FragmentDisk, NineteenLoopsLeaveTheVolumeFullAndConsistent) {
   QVEXFAT_REQUIRE_MOUNTS();
-  ScratchDir scratch;
-  const std::string image = scratch / "volume.img";
   // Large enough that the first fill always covers all 20 directories (a
   // round of 20 files is at most 340 MiB), so every freed directory makes
   // room for the 21 directories that replace it.
-  MakeExfatImage(image, 384 << 20, 131072);
-  MountedVolume volume(image, scratch / "mnt");
-  const std::string v = volume.MountPoint() + "/";
+  ExfatVolume volume(384 << 20, 131072);
+  const std::string v = volume.Path() + "/";
 
   ProcessResult r = RunTool({"-v", v, "-a", "fragdisk"});
   EXPECT_EQ(r.exit_status, 0) << r.err;
@@ -90,9 +81,7 @@ TEST(FragmentDisk, NineteenLoopsLeaveTheVolumeFullAndConsistent) {
   EXPECT_EQ(r.err, "Test failed: " + v + "/dir0: File exists (17)\n");
   EXPECT_EQ(Listing(v), before);
 
-  volume.Unmount();
-  testsupport::FsckVerdict verdict = CheckImage(image);
-  EXPECT_EQ(verdict.exit_status, 0) << verdict.output;
+  volume.ExpectCleanAfterUnmount();
 }
 
 TEST(FragmentDisk, MissingVolumeFailsOnTheFirstDirectory) {
@@ -103,10 +92,8 @@ TEST(FragmentDisk, MissingVolumeFailsOnTheFirstDirectory) {
 
 TEST(FillDirectory, CreatesFiveHundredEmptyFilesWithLongNames) {
   QVEXFAT_REQUIRE_MOUNTS();
-  ScratchDir scratch;
-  MakeExfatImage(scratch / "volume.img", 16 << 20, 4096);
-  MountedVolume volume(scratch / "volume.img", scratch / "mnt");
-  const std::string v = volume.MountPoint() + "/";
+  ExfatVolume volume(16 << 20, 4096);
+  const std::string v = volume.Path() + "/";
 
   std::set<std::string> expected;
   for (int i = 0; i < 500; ++i) expected.insert(FillDirName("", i) + " 0");
@@ -122,23 +109,19 @@ TEST(FillDirectory, CreatesFiveHundredEmptyFilesWithLongNames) {
 
   // Without the trailing "/" the names continue the volume's own name, so
   // the files land beside the mount point.
-  ProcessResult r = RunTool({"-v", volume.MountPoint(), "-a", "filldir"});
+  ProcessResult r = RunTool({"-v", volume.Path(), "-a", "filldir"});
   EXPECT_EQ(r.exit_status, 0);
-  EXPECT_TRUE(fs::exists(FillDirName(volume.MountPoint(), 0)));
-  EXPECT_TRUE(fs::exists(FillDirName(volume.MountPoint(), 499)));
-  EXPECT_EQ(fs::file_size(FillDirName(volume.MountPoint(), 250)), 0u);
+  EXPECT_TRUE(fs::exists(FillDirName(volume.Path(), 0)));
+  EXPECT_TRUE(fs::exists(FillDirName(volume.Path(), 499)));
+  EXPECT_EQ(fs::file_size(FillDirName(volume.Path(), 250)), 0u);
   EXPECT_EQ(Listing(v), expected);
-  volume.Unmount();
-  testsupport::FsckVerdict verdict = CheckImage(scratch / "volume.img");
-  EXPECT_EQ(verdict.exit_status, 0) << verdict.output;
+  volume.ExpectCleanAfterUnmount();
 }
 
 TEST(FillDirectory, ReadOnlyVolumeStopsAtTheFirstFile) {
   QVEXFAT_REQUIRE_MOUNTS();
-  ScratchDir scratch;
-  MakeExfatImage(scratch / "volume.img", 16 << 20, 4096);
-  MountedVolume volume(scratch / "volume.img", scratch / "mnt", /*read_only=*/true);
-  const std::string v = volume.MountPoint() + "/";
+  ExfatVolume volume(16 << 20, 4096, /*read_only=*/true);
+  const std::string v = volume.Path() + "/";
   ProcessResult r = RunTool({"-v", v, "-a", "filldir"});
   EXPECT_EQ(r.exit_status, 1);
   EXPECT_EQ(r.out, "");
@@ -148,10 +131,8 @@ TEST(FillDirectory, ReadOnlyVolumeStopsAtTheFirstFile) {
 
 TEST(VolumeDispatch, UnknownNamesDoNothing) {
   QVEXFAT_REQUIRE_MOUNTS();
-  ScratchDir scratch;
-  MakeExfatImage(scratch / "volume.img", 16 << 20, 4096);
-  MountedVolume volume(scratch / "volume.img", scratch / "mnt");
-  const std::string v = volume.MountPoint() + "/";
+  ExfatVolume volume(16 << 20, 4096);
+  const std::string v = volume.Path() + "/";
   for (const char* name : {"filldisk", "fallocate", "runtests", "", "fragdisk2", "fill"}) {
     ProcessResult r = RunTool({"-v", v, "-a", name});
     EXPECT_EQ(r.exit_status, 0) << name;
