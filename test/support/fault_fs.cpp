@@ -69,6 +69,7 @@ FaultFs::FaultFs(const std::string& backing, const std::string& mount_point,
   if (options.lose_after) argv.push_back("--lose-after=" + std::to_string(*options.lose_after));
   argv.push_back(m_backing);
   argv.push_back(m_mount_point);
+  argv = TargetCommand(argv);  // through the emulator when the build is for another machine
   const std::string log = m_mount_point + ".log";
 
   std::vector<char*> args;
