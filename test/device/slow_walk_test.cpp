@@ -32,7 +32,7 @@ std::vector<uint8_t> Le32(uint32_t value) {
 
 // An up-case table chained over 4 MiB of the heap, every four bytes a run of
 // 65,534 identity entries: 2^36 entries in all, far past the table's end.
-TEST(ReviewHostileImage, UpcaseTableOfLongRunsIsExpandedQuickly) {
+TEST(SlowWalk, UpcaseTableOfLongRunsIsExpandedQuickly) {
   ScratchDir dir;
   const std::string image = dir / "runs.img";
   MakeExfatImage(image, 16ull << 20, 4096);
@@ -70,7 +70,7 @@ TEST(ReviewHostileImage, UpcaseTableOfLongRunsIsExpandedQuickly) {
 // root directory then has no entry to visit, however long its chain: here
 // 40 clusters, linked through FAT entries placed where the model looks for
 // them with 16-byte sectors (four entries per sector).
-TEST(ReviewHostileImage, SectorsTooSmallForAnEntryAreNotVisitedOneByOne) {
+TEST(SlowWalk, SectorsTooSmallForAnEntryAreNotVisitedOneByOne) {
   ScratchDir dir;
   const std::string image = dir / "tiny-sectors.img";
   MakeExfatImage(image, 16ull << 20, 4096);
