@@ -21,7 +21,7 @@ packages=(
   g++ cmake ninja-build pkg-config
   libfmt-dev libboost-filesystem-dev libboost-system-dev libgtest-dev
   exfatprogs exfat-fuse fuse3 libfuse3-dev
-  util-linux dpkg-dev groff-base
+  util-linux dpkg-dev groff-base python3
 )
 if $aarch64; then
   # libc6:arm64 is what qemu-user runs the target programs with;

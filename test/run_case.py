@@ -1,0 +1,555 @@
+#!/usr/bin/env python3
+"""Runs one case of the test suite and compares what it did with what it
+must do.
+
+A case is a directory with two files:
+  case.txt    what to set up and what to do, one step a line (see STEPS)
+  expect.out  the transcript the steps must produce, exactly; {IMAGE}, {DEV}
+              and {V} stand for the scratch image, loop device and volume,
+              and {N}, {HEX}, {NAME}, {*} match what varies from run to run
+
+Exit status: 0 when the transcript matches, 1 when it does not (a unified
+diff is printed), 77 when the case needs mounts this machine cannot make.
+"""
+
+import argparse
+import difflib
+import hashlib
+import lzma
+import os
+import re
+import shlex
+import shutil
+import signal
+import subprocess
+import sys
+import time
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+SKIP = 77
+NAME_PATTERN = ("abcdefghijklmnopqrstuvwxyz" "ABCDEFGHIJKLMNOPQRSTUVWXYZ") * 5
+
+
+class CaseError(Exception):
+    """The case itself is wrong (a step that cannot be carried out)."""
+
+
+def u32(data, at):
+    return int.from_bytes(data[at:at + 4], "little")
+
+
+def size_value(text):
+    """'16M', '4K', '0x1000' or '512' as a number of bytes."""
+    units = {"K": 1 << 10, "M": 1 << 20, "G": 1 << 30}
+    if text[-1:].upper() in units:
+        return int(text[:-1], 0) * units[text[-1].upper()]
+    return int(text, 0)
+
+
+# --- Images ------------------------------------------------------------------
+
+class Image:
+    """The case's scratch image, with the names that offsets in case.txt
+    may use, read afresh from its current bytes."""
+
+    def __init__(self, path):
+        self.path = path
+
+    def read(self, at=0, length=None):
+        with open(self.path, "rb") as f:
+            f.seek(at)
+            return f.read() if length is None else f.read(length)
+
+    def write(self, at, data):
+        with open(self.path, "r+b") as f:
+            f.seek(at)
+            f.write(data)
+
+    def names(self):
+        boot = self.read(0, 512)
+        heap = u32(boot, 88) * 512
+        cluster_bytes = 512 << (boot[109] & 31)  # the tool addresses 512-byte sectors
+
+        def cluster(n):
+            return heap + (n - 2) * cluster_bytes
+
+        names = {"fat": u32(boot, 80) * 512, "heap": heap, "cluster": cluster,
+                 "cb": cluster_bytes, "count": u32(boot, 92),
+                 "root": cluster(u32(boot, 96))}
+        root = self.read(names["root"], cluster_bytes)
+        for slot in range(0, len(root) - 31, 32):
+            kind = {0x81: "bitmap", 0x82: "upcase"}.get(root[slot])
+            if kind:
+                names[kind] = cluster(u32(root, slot + 20))
+                names[kind + "_entry"] = names["root"] + slot
+        return names
+
+    def offset(self, expression):
+        try:
+            return eval(expression, {"__builtins__": {}}, self.names())
+        except Exception as e:
+            raise CaseError(f"bad offset {expression!r}: {e}")
+
+
+def set_checksum(entries):
+    total = 0
+    for i, byte in enumerate(b"".join(entries)):
+        if i not in (2, 3):
+            total = ((total >> 1) | ((total & 1) << 15)) + byte & 0xFFFF
+    return total
+
+
+def entry_set(name, options):
+    """File, Stream Extension and File Name entries of one file or
+    directory, with a correct name hash and set checksum."""
+    units = name.encode("utf-16-le")
+    length = len(units) // 2
+    upcased = "".join(c.upper() if len(c.upper()) == 1 and c.isascii() else c
+                      for c in name).encode("utf-16-le")
+    name_hash = 0
+    for byte in upcased:
+        name_hash = ((name_hash >> 1) | ((name_hash & 1) << 15)) + byte & 0xFFFF
+    size = int(options.get("size", "0"), 0)
+    names = [units[i:i + 30] for i in range(0, max(len(units), 1), 30)]
+    file = bytearray(32)
+    file[0], file[1] = 0x85, 1 + len(names)
+    attr = 0x10 if "dir" in options else int(options.get("attr", "0x20"), 0)
+    file[4:6] = attr.to_bytes(2, "little")
+    stream = bytearray(32)
+    stream[0], stream[1], stream[3] = 0xC0, 1 | (2 if "nofat" in options else 0), length
+    stream[4:6] = name_hash.to_bytes(2, "little")
+    stream[8:16] = int(options.get("valid", str(size)), 0).to_bytes(8, "little")
+    stream[20:24] = int(options.get("first", "0"), 0).to_bytes(4, "little")
+    stream[24:32] = size.to_bytes(8, "little")
+    entries = [file, stream] + [bytes([0xC1, 0]) + part.ljust(30, b"\0") for part in names]
+    file[2:4] = set_checksum(entries).to_bytes(2, "little")
+    return b"".join(entries)
+
+
+def nested_directories(image, depth, first):
+    """A chain of `depth` directories, one cluster each, from cluster
+    `first` on, each holding the next; the root holds the first."""
+    names = image.names()
+    for level in range(depth):
+        cluster = first + level
+        child = {"first": str(cluster), "size": str(names["cb"]), "dir": ""}
+        at = names["root"] + 32 * 8 if level == 0 else names["cluster"](cluster - 1)
+        image.write(at, entry_set(f"d{level}", child))
+        image.write(names["fat"] + 4 * cluster, b"\xff\xff\xff\xff")
+        bitmap_byte = names["bitmap"] + (cluster - 2) // 8
+        image.write(bitmap_byte, bytes([image.read(bitmap_byte, 1)[0] | 1 << (cluster - 2) % 8]))
+        image.write(names["cluster"](cluster), bytes(names["cb"]))
+
+
+# --- Mounts --------------------------------------------------------------------
+
+def mounts_unavailable():
+    if os.geteuid() != 0:
+        return "not running as root (loop devices and mounts need root)"
+    for path in ("/dev/fuse", "/dev/loop-control"):
+        if not os.access(path, os.R_OK | os.W_OK):
+            return f"{path} is missing"
+    for program in ("losetup", "mount.exfat-fuse", "mkfs.exfat"):
+        if not shutil.which(program):
+            return f"{program} is not installed"
+    return None
+
+
+def run(argv, **kwargs):
+    return subprocess.run(argv, capture_output=True, text=True, errors="replace", **kwargs)
+
+
+def must(argv):
+    result = run(argv)
+    if result.returncode != 0:
+        raise CaseError(f"{' '.join(argv)}: {result.stdout}{result.stderr}".strip())
+    return result.stdout.strip()
+
+
+class Mounts:
+    """Loop devices and mounts of one case, undone in reverse order."""
+
+    def __init__(self):
+        self.undo = []
+
+    def loop(self, image):
+        device = must(["losetup", "-f", "--show", image])
+        self.undo.append(["losetup", "-d", device])
+        return device
+
+    def mount(self, argv, point):
+        os.makedirs(point, exist_ok=True)
+        must(argv + [point])
+        self.undo.append(["umount", point])
+
+    def release(self):
+        while self.undo:
+            argv = self.undo.pop()
+            for _ in range(50):  # a FUSE daemon may hold on for a moment
+                if run(argv).returncode == 0:
+                    break
+                time.sleep(0.1)
+            else:
+                if argv[0] == "umount":
+                    run(["umount", "-l", argv[1]])
+
+
+# --- The steps -----------------------------------------------------------------
+
+class Case:
+    def __init__(self, args, directory):
+        self.args = args
+        self.directory = directory
+        self.scratch = args.scratch
+        self.image = None
+        self.device = None
+        self.volume = None
+        self.mounts = Mounts()
+        self.rand = None
+        self.timeout = 300
+        self.snapshot = None
+        self.transcript = []
+
+    # Setting up the image.
+    def step_image(self, name):
+        source = os.path.join(self.directory, name)
+        if not os.path.exists(source):
+            source = os.path.join(HERE, "images", name)
+        self.new_image()
+        with lzma.open(source) as packed, open(self.image.path, "wb") as out:
+            shutil.copyfileobj(packed, out)
+
+    def step_mkfs(self, size, cluster, *label):
+        self.new_image()
+        open(self.image.path, "wb").close()
+        os.truncate(self.image.path, size_value(size))
+        must(["mkfs.exfat", "-c", str(size_value(cluster))] + (["-L", label[0]] if label else [])
+             + [self.image.path])
+
+    def new_image(self):
+        self.image = Image(os.path.join(self.scratch, "image.img"))
+        self.snapshot = None
+
+    def step_size(self, size):
+        os.truncate(self.image.path, size_value(size))
+
+    def step_patch(self, at, *hex_bytes):
+        self.image.write(self.image.offset(at), bytes.fromhex("".join(hex_bytes)))
+
+    def step_fill(self, at, count, *hex_bytes):
+        self.image.write(self.image.offset(at), bytes.fromhex("".join(hex_bytes)) * self.image.offset(count))
+
+    def step_u32(self, at, *values):
+        data = b"".join(int(v, 0).to_bytes(4, "little") for v in values)
+        self.image.write(self.image.offset(at), data)
+
+    def step_u64(self, at, value):
+        self.image.write(self.image.offset(at), int(value, 0).to_bytes(8, "little"))
+
+    def step_set(self, at, name, *options):
+        pairs = dict(o.split("=", 1) if "=" in o else (o, "") for o in options)
+        self.image.write(self.image.offset(at), entry_set(name, pairs))
+
+    def step_fixsum(self, at):
+        offset = self.image.offset(at)
+        count = self.image.read(offset + 1, 1)[0] + 1
+        data = self.image.read(offset, 32 * count)
+        entries = [data[i:i + 32] for i in range(0, len(data), 32)]
+        self.image.write(offset + 2, set_checksum(entries).to_bytes(2, "little"))
+
+    def step_bits(self, value, *clusters):
+        bitmap = self.image.names()["bitmap"]
+        for text in clusters:
+            c = self.image.offset(text) - 2
+            old = self.image.read(bitmap + c // 8, 1)[0]
+            new = old | 1 << c % 8 if value == "1" else old & ~(1 << c % 8)
+            self.image.write(bitmap + c // 8, bytes([new]))
+
+    def step_nest(self, depth, first):
+        nested_directories(self.image, int(depth, 0), self.image.offset(first))
+
+    def step_rand(self, *values):
+        self.rand = " ".join(values)
+
+    def step_timeout(self, seconds):
+        self.timeout = int(seconds)
+
+    # Mounts.
+    def step_loop(self):
+        """Attaches the image to a loop device, {DEV}, without mounting it."""
+        self.device = self.mounts.loop(self.image.path)
+
+    def step_mount(self, *options):
+        """Attaches the image to a loop device and mounts it with exfat-fuse."""
+        self.device = self.mounts.loop(self.image.path)
+        self.volume = os.path.join(self.scratch, "mnt")
+        self.mounts.mount(["mount.exfat-fuse"] + (["-o", options[0]] if options else [])
+                          + [self.device], self.volume)
+
+    def step_volume(self, kind, *params):
+        """A mounted volume for volume mode: exfat-fuse SIZE CLUSTER [ro],
+        faultfs FAULT SIZE CLUSTER, or tmpfs SIZE."""
+        if kind == "tmpfs":
+            self.volume = os.path.join(self.scratch, "mnt")
+            self.mounts.mount(["mount", "-t", "tmpfs", "-o", f"size={params[0]}", "tmpfs"],
+                              self.volume)
+            return
+        fault = params[0] if kind == "faultfs" else None
+        size, cluster = params[1:3] if fault else params[:2]
+        self.step_mkfs(size, cluster)
+        self.step_mount(*params[2:3] if not fault else ())
+        if fault:
+            backing = os.path.join(self.volume, "faultfs")
+            os.mkdir(backing)
+            self.volume = os.path.join(self.scratch, "faulty")
+            self.mounts.mount(self.emulated([self.args.faultfs, f"--fault={fault}", backing]),
+                              self.volume)
+
+    def step_unmount(self):
+        self.mounts.release()
+        self.volume = self.device = None
+
+    # What the case looks at.
+    def step_run(self, *argv):
+        self.record("$ qvexfat-test " + " ".join(a if re.fullmatch(r"[^\s'\"]+", a) else shlex.quote(a)
+                                                 for a in argv))
+        env = dict(os.environ)
+        preload = []
+        if self.rand is not None:
+            env["QVEXFAT_RAND"] = self.rand
+            preload = [self.args.rand_lib]
+            env["ASAN_OPTIONS"] = env.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"
+        command = self.emulated([self.args.tool] + [self.substitute(a) for a in argv], preload, env)
+        try:
+            result = subprocess.run(command, capture_output=True, env=env, timeout=self.timeout)
+        except subprocess.TimeoutExpired as e:
+            self.record_output(e.stderr or b"")
+            self.record(f"[still running after {self.timeout} s]")
+            return
+        self.record_output(result.stderr)
+        for line in result.stdout.decode(errors="replace").splitlines():
+            self.record("stdout: " + line)
+        self.record_status(result.returncode)
+
+    def step_probe(self, mode, as_user="nobody"):
+        """The assertion probe, by default as a user who cannot write the
+        kernel log; as root, what it wrote there is shown too."""
+        self.record(f"$ assert_probe {mode}" + (" (root)" if as_user == "root" else ""))
+        kmsg = os.open("/dev/kmsg", os.O_RDONLY | os.O_NONBLOCK) if as_user == "root" else None
+        if kmsg is not None:
+            os.lseek(kmsg, 0, os.SEEK_END)
+        result = subprocess.run(self.emulated([self.args.probe, mode]), capture_output=True,
+                                user=65534 if as_user != "root" and os.geteuid() == 0 else None)
+        self.record_output(result.stderr)
+        self.record_status(result.returncode)
+        while kmsg is not None:
+            try:
+                record = os.read(kmsg, 8192).decode(errors="replace")
+            except BlockingIOError:
+                os.close(kmsg)
+                break
+            if "assert" in record.lower():
+                priority, message = record.split(",")[0], record.split(";", 1)[1]
+                self.record_output(f"kmsg priority {priority}: {message}".encode())
+
+    def step_changes(self):
+        """The bytes that changed since the setup, or since the last look."""
+        self.record("$ changes")
+        before, after = self.snapshot, self.image.read()
+        if len(before) != len(after):
+            self.record(f"size {len(before)} -> {len(after)}")
+        lines, end, at = [], min(len(before), len(after)), 0
+        for block in range(0, end, 4096):  # whole blocks compare fast
+            if before[block:block + 4096] == after[block:block + 4096]:
+                continue
+            at = max(at, block)
+            while at < min(block + 4096, end):
+                if before[at] == after[at]:
+                    at += 1
+                    continue
+                run_end = at
+                while run_end < end and run_end - at < 16 and before[run_end] != after[run_end]:
+                    run_end += 1
+                lines.append(f"{at:#010x}: {before[at:run_end].hex(' ')} -> {after[at:run_end].hex(' ')}")
+                at = run_end
+        for line in lines or ["unchanged"]:
+            self.record(line)
+        self.snapshot = after
+
+    def step_fsck(self):
+        self.record("$ fsck.exfat -n {IMAGE}")
+        result = subprocess.run(["fsck.exfat", "-n", self.image.path], stdout=subprocess.PIPE,
+                                stderr=subprocess.STDOUT)
+        self.record_output(result.stdout)
+        self.record_status(result.returncode)
+
+    def step_ls(self, path):
+        """Names and sizes under a directory of the volume; names made by
+        the tests from the name pattern show as {NAME} and their index."""
+        self.record(f"$ ls {path}")
+        top = self.substitute(path)
+        found = []
+        for parent, dirs, files in os.walk(top):
+            for name in dirs + files:
+                full = os.path.join(parent, name)
+                shown = os.path.relpath(full, top)
+                match = re.fullmatch(r"(.*?)([A-Za-z]*)(\d+)", shown)
+                if match and NAME_PATTERN.startswith(match.group(2)) and match.group(2):
+                    shown = match.group(1) + "{NAME}" + match.group(3)
+                size = "dir" if os.path.isdir(full) else str(os.lstat(full).st_size)
+                found.append(f"{shown} {size}")
+        for line in sorted(found):
+            self.record(line)
+
+    def step_count(self, path):
+        self.record(f"$ count {path}")
+        top = self.substitute(path)
+        names = os.listdir(top)
+        size = sum(os.lstat(os.path.join(top, n)).st_size for n in names)
+        self.record(f"{len(names)} entries, {size} bytes")
+
+    def step_md5(self, path):
+        self.record(f"$ md5 {path}")
+        with open(self.substitute(path), "rb") as f:
+            self.record(hashlib.md5(f.read()).hexdigest())
+
+    # Helpers.
+    def emulated(self, argv, preload=(), env=None):
+        emulator = self.args.emulator.split("|") if self.args.emulator else []
+        if preload and emulator:
+            return emulator + ["-E", "LD_PRELOAD=" + ":".join(preload)] + argv
+        if preload:
+            env["LD_PRELOAD"] = ":".join(preload)
+        return emulator + argv
+
+    def placeholders(self):
+        pairs = [("{IMAGE}", self.image.path if self.image else None),
+                 ("{DEV}", self.device), ("{V}", self.volume), ("{SCRATCH}", self.scratch),
+                 ("{TOOL}", self.args.tool), ("{SRC}", os.path.dirname(HERE))]
+        return [(name, value) for name, value in pairs if value]
+
+    def substitute(self, text):
+        for name, value in self.placeholders():
+            text = text.replace(name, value)
+        return text
+
+    def record(self, line):
+        self.transcript.append(line)
+
+    def record_status(self, status):
+        self.record(f"[exit {status}]" if status >= 0 else f"[signal {-status}]")
+
+    def record_output(self, data):
+        text = data.decode(errors="backslashreplace").replace("\r", "\\r")
+        for name, value in sorted(self.placeholders(), key=lambda p: -len(p[1])):
+            text = text.replace(value, name)
+        if text:
+            lines = text.split("\n")
+            if lines[-1]:
+                lines[-1] += "[no line end]"
+            else:
+                lines.pop()
+            self.transcript.extend(lines)
+
+    def run(self, lines):
+        for number, line in lines:
+            words = shlex.split(line)
+            step = getattr(self, "step_" + words[0].replace("-", "_"), None)
+            if step is None:
+                raise CaseError(f"case.txt:{number}: unknown step {words[0]!r}")
+            if self.snapshot is None and words[0] in STEPS_THAT_LOOK and self.image:
+                self.snapshot = self.image.read()
+            step(*words[1:])
+
+
+STEPS_THAT_LOOK = {"run", "changes", "fsck", "loop", "mount", "volume"}
+MOUNTING_STEPS = {"loop", "mount", "volume"}
+
+
+# --- Comparing -----------------------------------------------------------------
+
+PLACEHOLDER = {"{N}": r"\d+", "{HEX}": r"[0-9a-f]+", "{NAME}": r"[A-Za-z]{0,255}", "{*}": r".*"}
+
+
+def line_matches(expected, actual):
+    if expected == actual:
+        return True
+    if not any(p in expected for p in PLACEHOLDER):
+        return False
+    pattern = "".join(PLACEHOLDER.get(part, re.escape(part))
+                      for part in re.split(r"(\{N\}|\{HEX\}|\{NAME\}|\{\*\})", expected))
+    return re.fullmatch(pattern, actual) is not None
+
+
+def compare(expected, actual):
+    """A unified diff of the transcripts, or None when they match. Lines of
+    the actual transcript that a placeholder line matches are shown as the
+    placeholder line, so only real differences appear."""
+    shown = list(actual)
+    for i, (e, a) in enumerate(zip(expected, actual)):
+        if line_matches(e, a):
+            shown[i] = e
+    if shown == expected:
+        return None
+    return "\n".join(difflib.unified_diff(expected, shown, "expect.out", "actual", lineterm=""))
+
+
+def read_steps(path):
+    steps = []
+    with open(path) as f:
+        for number, line in enumerate(f, 1):
+            line = line.split(" #")[0].strip()
+            if line and not line.startswith("#"):
+                steps.append((number, line))
+    return steps
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawTextHelpFormatter)
+    parser.add_argument("case", help="the case's directory")
+    parser.add_argument("--tool", required=True, help="the built qvexfat-test")
+    parser.add_argument("--rand-lib", help="the library that fixes rand()'s results")
+    parser.add_argument("--faultfs", help="the built faultfs")
+    parser.add_argument("--probe", help="the built assertion probe")
+    parser.add_argument("--emulator", default="", help="'|'-separated command that runs target programs")
+    parser.add_argument("--scratch", required=True, help="a directory of the case's own")
+    parser.add_argument("--update", action="store_true", help="write the transcript to expect.out")
+    args = parser.parse_args()
+
+    steps = read_steps(os.path.join(args.case, "case.txt"))
+    if any(line.split()[0] in MOUNTING_STEPS for _, line in steps):
+        reason = mounts_unavailable()
+        if reason:
+            print(f"needs mounts: {reason}")
+            return 1 if os.environ.get("CI") == "true" else SKIP
+
+    shutil.rmtree(args.scratch, ignore_errors=True)
+    os.makedirs(args.scratch)
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit("killed"))
+    case = Case(args, os.path.abspath(args.case))
+    try:
+        case.run(steps)
+    except CaseError as e:
+        print(f"{args.case}: {e}")
+        return 1
+    finally:
+        case.mounts.release()
+
+    expect_path = os.path.join(args.case, "expect.out")
+    if args.update:
+        with open(expect_path, "w") as f:
+            f.write("\n".join(case.transcript) + "\n")
+        return 0
+    with open(expect_path) as f:
+        expected = f.read().splitlines()
+    diff = compare(expected, case.transcript)
+    if diff is None:
+        shutil.rmtree(args.scratch, ignore_errors=True)
+        return 0
+    print(diff)
+    print(f"scratch files kept in {args.scratch}")
+    return 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
