@@ -413,6 +413,15 @@ class Case:
         with open(self.substitute(path), "rb") as f:
             self.record(hashlib.md5(f.read()).hexdigest())
 
+    def step_period(self, path, length):
+        """Whether every byte of a file equals the byte `length` before it,
+        as the tests' files are written."""
+        self.record(f"$ period {path} {length}")
+        with open(self.substitute(path), "rb") as f:
+            data, n = f.read(), int(length)
+        broken = next((i for i in range(n, len(data), n) if data[i:i + n] != data[i - n:i - n + len(data[i:i + n])]), None)
+        self.record(f"{len(data)} bytes, period {n}" + (f", broken at {broken}" if broken else ""))
+
     # Helpers.
     def emulated(self, argv, preload=(), env=None):
         emulator = self.args.emulator.split("|") if self.args.emulator else []

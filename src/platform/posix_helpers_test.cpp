@@ -1,12 +1,10 @@
 #include "platform/posix_helpers.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -15,6 +13,8 @@
 #include "platform/errno_exception.h"
 #include "platform/unique_fd.h"
 
+// Short reads and writes happen on pipes, not on the files and devices the
+// tool works on, so they are shown here.
 namespace {
 
 struct Pipe {
@@ -27,90 +27,52 @@ struct Pipe {
   }
 };
 
-std::vector<unsigned char> Pattern(size_t length) {
-  std::vector<unsigned char> bytes(length);
-  for (size_t i = 0; i < length; ++i) bytes[i] = static_cast<unsigned char>(i * 7 + i / 251);
-  return bytes;
-}
-
 }  // namespace
 
-TEST(ReadAllThrow, GathersShortReadsUntilTheLengthIsIn) {
+TEST(ReadAllThrow, GathersShortReadsAndStopsAtEndOfFile) {
   Pipe p;
   std::thread writer([&] {
-    for (const char* piece : {"abc", "defg", "hij"}) {
-      ASSERT_EQ(write(p.write_end.Get(), piece, strlen(piece)), static_cast<ssize_t>(strlen(piece)));
+    for (const std::string piece : {"abc", "defg", "hij", "kl"}) {
+      ASSERT_EQ(write(p.write_end.Get(), piece.data(), piece.size()), static_cast<ssize_t>(piece.size()));
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
+    p.write_end.Reset();
   });
   char buffer[10] = {};
   EXPECT_EQ(read_all_throw(p.read_end.Get(), buffer, sizeof buffer), 10u);
-  writer.join();
   EXPECT_EQ(std::string(buffer, 10), "abcdefghij");
-}
-
-TEST(ReadAllThrow, StopsEarlyAtEndOfFile) {
-  Pipe p;
-  ASSERT_EQ(write(p.write_end.Get(), "12345", 5), 5);
-  p.write_end.Reset();
-  char buffer[10] = {};
-  EXPECT_EQ(read_all_throw(p.read_end.Get(), buffer, sizeof buffer), 5u);
-  EXPECT_EQ(std::string(buffer, 5), "12345");
-  EXPECT_EQ(read_all_throw(p.read_end.Get(), buffer, sizeof buffer), 0u);
-}
-
-TEST(ReadAllThrow, ZeroLengthDoesNotTouchTheDescriptor) {
-  EXPECT_EQ(read_all_throw(-1, nullptr, 0), 0u);
-}
-
-TEST(ReadAllThrow, FailureThrowsWithTheFunctionName) {
-  Pipe p;
-  char buffer[4];
+  EXPECT_EQ(read_all_throw(p.read_end.Get(), buffer, sizeof buffer), 2u);
+  writer.join();
   try {
-    read_all_throw(p.write_end.Get(), buffer, sizeof buffer);
+    read_all_throw(-1, buffer, sizeof buffer);
     FAIL() << "no exception";
   } catch (const ErrnoException& e) {
     EXPECT_STREQ(e.what(), "read_all_throw: Bad file descriptor (9)");
-    EXPECT_EQ(e.ErrorNumber(), EBADF);
   }
 }
 
-TEST(WriteAllThrow, LoopsOverShortWritesIntoAFullPipe) {
+TEST(WriteAllThrow, LoopsOverShortWritesAndThrowsWithoutText) {
   Pipe p;
-  const auto data = Pattern(1 << 20);  // far more than a pipe holds at once
+  std::vector<unsigned char> data(1 << 20);  // far more than a pipe holds at once
+  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<unsigned char>(i * 7 + i / 251);
   std::vector<unsigned char> received;
   std::thread reader([&] {
     unsigned char buffer[4096];
-    for (;;) {
-      ssize_t n = read(p.read_end.Get(), buffer, sizeof buffer);
-      if (n <= 0) break;
+    for (ssize_t n; (n = read(p.read_end.Get(), buffer, sizeof buffer)) > 0;)
       received.insert(received.end(), buffer, buffer + n);
-    }
   });
   write_all_throw(p.write_end.Get(), data.data(), data.size());
   p.write_end.Reset();
   reader.join();
   EXPECT_EQ(received, data);
-}
 
-TEST(WriteAllThrow, ZeroLengthDoesNotTouchTheDescriptor) {
-  EXPECT_NO_THROW(write_all_throw(-1, nullptr, 0));
-}
-
-TEST(WriteAllThrow, FailureThrowsWithoutText) {
   signal(SIGPIPE, SIG_IGN);
-  Pipe p;
-  p.read_end.Reset();
+  Pipe closed;
+  closed.read_end.Reset();
   try {
-    write_all_throw(p.write_end.Get(), "x", 1);
+    write_all_throw(closed.write_end.Get(), "x", 1);
     FAIL() << "no exception";
   } catch (const ErrnoException& e) {
     EXPECT_STREQ(e.what(), "Broken pipe (32)");
-  }
-  try {
-    write_all_throw(-1, "x", 1);
-    FAIL() << "no exception";
-  } catch (const ErrnoException& e) {
-    EXPECT_STREQ(e.what(), "Bad file descriptor (9)");
   }
 }
