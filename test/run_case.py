@@ -393,9 +393,9 @@ class Case:
             for name in dirs + files:
                 full = os.path.join(parent, name)
                 shown = os.path.relpath(full, top)
-                match = re.fullmatch(r"(.*?)([A-Za-z]*)(\d+)", shown)
-                if match and NAME_PATTERN.startswith(match.group(2)) and match.group(2):
-                    shown = match.group(1) + "{NAME}" + match.group(3)
+                match = re.fullmatch(r"(.*/)?([A-Za-z]*)(\d+)", shown)
+                if match and NAME_PATTERN.startswith(match.group(2)):
+                    shown = (match.group(1) or "") + "{NAME}" + match.group(3)
                 size = "dir" if os.path.isdir(full) else str(os.lstat(full).st_size)
                 found.append(f"{shown} {size}")
         for line in sorted(found):
