@@ -14,6 +14,7 @@ diff is printed), 77 when the case needs mounts this machine cannot make.
 
 import argparse
 import difflib
+import glob
 import hashlib
 import lzma
 import os
@@ -139,6 +140,15 @@ def nested_directories(image, depth, first):
         bitmap_byte = names["bitmap"] + (cluster - 2) // 8
         image.write(bitmap_byte, bytes([image.read(bitmap_byte, 1)[0] | 1 << (cluster - 2) % 8]))
         image.write(names["cluster"](cluster), bytes(names["cb"]))
+
+
+def shown_name(path):
+    """A path with the name the tests made from the name pattern and an
+    index shown as {NAME} and the index, as it varies from run to run."""
+    match = re.fullmatch(r"(.*/)?([A-Za-z]*)(\d+)", path)
+    if match and NAME_PATTERN.startswith(match.group(2)):
+        return (match.group(1) or "") + "{NAME}" + match.group(3)
+    return path
 
 
 # --- Mounts --------------------------------------------------------------------
@@ -384,20 +394,15 @@ class Case:
         self.record_status(result.returncode)
 
     def step_ls(self, path):
-        """Names and sizes under a directory of the volume; names made by
-        the tests from the name pattern show as {NAME} and their index."""
+        """Names and sizes under a directory of the volume."""
         self.record(f"$ ls {path}")
         top = self.substitute(path)
         found = []
         for parent, dirs, files in os.walk(top):
             for name in dirs + files:
                 full = os.path.join(parent, name)
-                shown = os.path.relpath(full, top)
-                match = re.fullmatch(r"(.*/)?([A-Za-z]*)(\d+)", shown)
-                if match and NAME_PATTERN.startswith(match.group(2)):
-                    shown = (match.group(1) or "") + "{NAME}" + match.group(3)
                 size = "dir" if os.path.isdir(full) else str(os.lstat(full).st_size)
-                found.append(f"{shown} {size}")
+                found.append(f"{shown_name(os.path.relpath(full, top))} {size}")
         for line in sorted(found):
             self.record(line)
 
@@ -413,14 +418,20 @@ class Case:
         with open(self.substitute(path), "rb") as f:
             self.record(hashlib.md5(f.read()).hexdigest())
 
-    def step_period(self, path, length):
-        """Whether every byte of a file equals the byte `length` before it,
-        as the tests' files are written."""
-        self.record(f"$ period {path} {length}")
-        with open(self.substitute(path), "rb") as f:
-            data, n = f.read(), int(length)
-        broken = next((i for i in range(n, len(data), n) if data[i:i + n] != data[i - n:i - n + len(data[i:i + n])]), None)
-        self.record(f"{len(data)} bytes, period {n}" + (f", broken at {broken}" if broken else ""))
+    def step_period(self, pattern, length):
+        """Whether every byte of each matching file equals the byte `length`
+        before it, as the tests write their files."""
+        self.record(f"$ period {pattern} {length}")
+        n, lines = int(length), []
+        for path in glob.glob(self.substitute(pattern)):
+            with open(path, "rb") as f:
+                data = f.read()
+            broken = next((i for i in range(n, len(data), n)
+                           if data[i:i + n] != data[i - n:i - n + len(data[i:i + n])]), None)
+            lines.append(f"{shown_name(os.path.basename(path))}: {len(data)} bytes"
+                         + (f", period broken at {broken}" if broken else ""))
+        for line in sorted(lines):
+            self.record(line)
 
     # Helpers.
     def emulated(self, argv, preload=(), env=None):
