@@ -463,6 +463,8 @@ class Case:
         text = data.decode(errors="backslashreplace").replace("\r", "\\r")
         for name, value in sorted(self.placeholders(), key=lambda p: -len(p[1])):
             text = text.replace(value, name)
+        if self.args.emulator:  # the emulator's own note of a signal is not the program's output
+            text = re.sub(r"qemu: uncaught target signal [^\n]*\n", "", text)
         if text:
             lines = text.split("\n")
             if lines[-1]:
