@@ -3,7 +3,8 @@
 must do.
 
 A case is a directory with two files:
-  case.txt    what to set up and what to do, one step a line (see STEPS)
+  case.txt    what to set up and what to do, one step a line: the step_*
+              methods of Case below, each with its arguments
   expect.out  the transcript the steps must produce, exactly; {IMAGE}, {DEV}
               and {V} stand for the scratch image, loop device and volume,
               and {N}, {HEX}, {NAME}, {*} match what varies from run to run
@@ -102,7 +103,9 @@ def set_checksum(entries):
 
 def entry_set(name, options):
     """File, Stream Extension and File Name entries of one file or
-    directory, with a correct name hash and set checksum."""
+    directory, with a correct set checksum and a name hash over the name
+    up-cased as mkfs.exfat's table does for ASCII letters (other characters
+    are hashed as they are: patch the hash for those)."""
     units = name.encode("utf-16-le")
     length = len(units) // 2
     upcased = "".join(c.upper() if len(c.upper()) == 1 and c.isascii() else c
@@ -129,7 +132,8 @@ def entry_set(name, options):
 
 def nested_directories(image, depth, first):
     """A chain of `depth` directories, one cluster each, from cluster
-    `first` on, each holding the next; the root holds the first."""
+    `first` on, each holding the next; the root holds the first at its
+    slot 8 (fill the slots before it)."""
     names = image.names()
     for level in range(depth):
         cluster = first + level
