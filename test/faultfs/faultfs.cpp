@@ -31,9 +31,10 @@
 namespace {
 
 enum Fault { kNone, kStaleExtend, kForeignExtend, kWrongTruncateSize, kNoEnospc,
-             kTruncateFreesWrong, kLongNames, kBadChars, kRenameLong, kLoseEntry, kSharedCluster };
+             kTruncateFreesWrong, kTruncateZeroesKept, kLongNames, kBadChars, kRenameLong,
+             kLoseEntry, kSharedCluster };
 const char* const kFaultNames[] = {"none", "stale-extend", "foreign-extend",
-    "wrong-truncate-size", "no-enospc", "truncate-frees-wrong", "long-names", "bad-chars",
+    "wrong-truncate-size", "no-enospc", "truncate-frees-wrong", "truncate-zeroes-kept", "long-names", "bad-chars",
     "rename-long", "lose-entry", "shared-cluster"};
 static_assert(std::size(kFaultNames) == kSharedCluster + 1);
 
@@ -273,10 +274,15 @@ int Truncate(const char* path, off_t size, fuse_file_info* fi) {
     Report("foreign-extend", pwrite(fd, std::string(size - old, '\xA5').data(), size - old, old));
   if (result == 0 && fault == kWrongTruncateSize && size != old) stale_size[backing] = old;
   struct statvfs vfs {};
-  if (result == 0 && fault == kTruncateFreesWrong && statvfs(root.c_str(), &vfs) == 0) {
-    off_t cluster = static_cast<off_t>(vfs.f_bsize);
-    if ((size + cluster - 1) / cluster < (old + cluster - 1) / cluster)
-      DamageNeighbour(path, backing, size, cluster);
+  off_t cluster = statvfs(root.c_str(), &vfs) == 0 ? static_cast<off_t>(vfs.f_bsize) : 4096;
+  if (result == 0 && fault == kTruncateFreesWrong &&
+      (size + cluster - 1) / cluster < (old + cluster - 1) / cluster)
+    DamageNeighbour(path, backing, size, cluster);
+  // truncate-zeroes-kept: a shrink zeroes the kept part of the cluster
+  // that now holds the file's end.
+  if (result == 0 && fault == kTruncateZeroesKept && size < old && size > 0) {
+    off_t from = (size - 1) / cluster * cluster;
+    Report("truncate-zeroes-kept", pwrite(fd, std::string(size - from, '\0').data(), size - from, from));
   }
   if (!fi) close(fd);
   return result;
