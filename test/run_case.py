@@ -370,9 +370,11 @@ class Case:
         """The bytes that changed since the setup, or since the last look."""
         self.record("$ changes")
         before, after = self.snapshot, self.image.read()
-        if len(before) != len(after):
+        if len(before) != len(after):  # bytes past either end count as zeros
             self.record(f"size {len(before)} -> {len(after)}")
-        lines, end, at = [], min(len(before), len(after)), 0
+        end = max(len(before), len(after))
+        before, after = before.ljust(end, b"\0"), after.ljust(end, b"\0")
+        lines, at = [], 0
         for block in range(0, end, 4096):  # whole blocks compare fast
             if before[block:block + 4096] == after[block:block + 4096]:
                 continue
@@ -388,7 +390,7 @@ class Case:
                 at = run_end
         for line in lines or ["unchanged"]:
             self.record(line)
-        self.snapshot = after
+        self.snapshot = self.image.read()
 
     def step_fsck(self):
         self.record("$ fsck.exfat -n {IMAGE}")

@@ -32,19 +32,12 @@ void WriteSector(DeviceHandle& device, uint64_t number, const Sector& sector, co
   if (!device.WriteSectors(1, number, sector)) throw std::runtime_error(error);
 }
 
-// First sector of `cluster`, which must lie in the heap: a cluster the
-// model does not know (such as an up-case table never found, cluster 0)
-// would wrap to a sector outside it, so it fails as an unreadable sector
-// does, naming the sector it would have read.
-uint64_t ClusterSectorOrThrow(const CorruptionTarget& target, uint64_t cluster, const char* read_error) {
-  const uint64_t sector = target.boot_sector.ClusterToSector(cluster);
-  if (!target.fat.InRange(cluster)) throw std::runtime_error(fmt::format(fmt::runtime(read_error), sector));
-  return sector;
-}
-
+// Byte `offset` of the first sector of `cluster` inverted. The cluster is
+// taken as it is: one the model never found (an up-case table that is not
+// there is cluster 0) wraps round to whatever sector that makes.
 void InvertClusterByte(CorruptionTarget& target, uint64_t cluster, size_t offset, const char* read_error,
                        const char* write_error) {
-  const uint64_t number = ClusterSectorOrThrow(target, cluster, read_error);
+  const uint64_t number = target.boot_sector.ClusterToSector(cluster);
   Sector sector;
   ReadSector(target.device, number, sector, fmt::format(fmt::runtime(read_error), number));
   sector[offset] = static_cast<uint8_t>(~sector[offset]);

@@ -51,7 +51,10 @@ bool DeviceHandle::WriteSectors(uint64_t count, uint64_t start_sector, std::span
   if (bytes && offset >= 0) {
     assert(*bytes <= buffer.size());
     const ssize_t done = pwrite64(m_fd.Get(), buffer.data(), *bytes, offset);
-    if (done >= 0 && static_cast<uint64_t>(done) == *bytes) return true;
+    if (done >= 0 && static_cast<uint64_t>(done) == *bytes) {
+      ++m_writes;
+      return true;
+    }
   }
   LogMessage("Failed to write %ld from %lld\n", static_cast<long>(count),
              static_cast<long long>(start_sector));

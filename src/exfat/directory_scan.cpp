@@ -3,7 +3,8 @@
 #include <locale.h>
 
 #include <algorithm>
-#include <unordered_set>
+#include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "exfat/boot_sector.h"
@@ -41,16 +42,63 @@ class Utf8Messages {
   locale_t m_previous = static_cast<locale_t>(0);
 };
 
+// What a directory's walk holds when it enters a cluster. Met twice, with
+// nothing on the volume or in the model changed in between, it means the
+// walk has come round to where it was and would go round the same way
+// again.
+struct WalkPoint {
+  uint64_t cluster;
+  uint64_t changes;  // writes to the device and changes to the model so far
+  uint32_t secondaries_left;
+  std::string current;  // the set being assembled, as its fields
+  std::string sector;   // the buffer, which an unreadable sector keeps
+  bool operator==(const WalkPoint&) const = default;
+};
+
+struct WalkPointHash {
+  size_t operator()(const WalkPoint& p) const {
+    return std::hash<std::string>()(p.current + p.sector) ^ std::hash<uint64_t>()(p.cluster * 31 + p.changes);
+  }
+};
+
+std::string Fields(const EntrySet* set) {
+  if (set == nullptr) return {};
+  std::string fields(reinterpret_cast<const char*>(set->raw_name.data()), set->raw_name.size() * 2);
+  for (uint64_t v : {uint64_t{set->name_chars_left}, uint64_t{set->computed_checksum}, uint64_t{set->stored_checksum},
+                     uint64_t{set->stored_name_hash}, set->first_cluster, set->data_length, set->valid_data_length,
+                     set->cluster, set->sector_in_cluster, set->entry_index})
+    fields.append(reinterpret_cast<const char*>(&v), sizeof v);
+  return fields;
+}
+
+// What going through a sector's entries may change.
+struct SectorStart {
+  uint64_t changes = 0;
+  uint32_t secondaries_left = 0;
+  std::string current;
+  bool operator==(const SectorStart&) const = default;
+};
+
+// A walk that has come round again goes on only while its directory's
+// valid length would end it within this many more entries; past that it
+// would only repeat itself for as long as the length lasts (the root's
+// never runs out).
+constexpr uint64_t kEntriesToRepeat = 1 << 20;
+
 // One directory on the walk's stack. The walk keeps its own stack rather
 // than recursing, so a deeply nested tree cannot exhaust the call stack.
 struct Level {
   std::unique_ptr<EntrySet> directory;   // owns the parent set of a subdirectory
   std::unique_ptr<DirectoryScan> owned;  // the scan of a subdirectory
   DirectoryScan* scan = nullptr;
-  std::vector<uint8_t> sector;
+  std::vector<uint8_t> sector;  // kept from sector to sector, as the walk reads them
   bool sector_loaded = false;
   bool returning_from_subdirectory = false;
-  std::unordered_set<uint64_t> clusters_visited;
+  std::unordered_map<WalkPoint, uint64_t, WalkPointHash> points;  // and the entries gone through by then
+  uint64_t entries = 0;
+  bool repeating = false;  // come round, and left to run out its length
+  bool sector_read = false;     // whether the sector in the buffer was read
+  SectorStart before_sector{};  // the state before its entries were gone through
 };
 
 class TreeWalk {
@@ -75,8 +123,8 @@ class TreeWalk {
     level.directory = std::move(directory);
     level.scan = &scan;
     level.sector.resize(m_sector_bytes);
-    level.clusters_visited.insert(scan.cluster);
     m_levels.push_back(std::move(level));
+    EnterCluster(m_levels.back());  // the first point of a walk is always new
   }
 
   void PushSubdirectory(const DirectoryScan& parent_scan, std::unique_ptr<EntrySet> set) {
@@ -97,14 +145,16 @@ class TreeWalk {
     DirectoryScan& scan = *level.scan;
     if (level.returning_from_subdirectory) {
       level.returning_from_subdirectory = false;
-      return FinishEntry(scan);
+      return FinishEntry(level);
     }
     if (scan.entry_index >= m_entries_per_sector) return NextSector(level);
     if (!level.sector_loaded) {
-      const uint64_t number = m_boot.ClusterToSector(scan.cluster) + scan.sector_in_cluster;
-      // A directory sector that cannot be read ends the directory.
-      if (!scan.device->ReadSectors(1, number, level.sector)) return false;
+      // A sector that cannot be read leaves the buffer as it was, and the
+      // walk goes through that again.
+      level.sector_read =
+          scan.device->ReadSectors(1, m_boot.ClusterToSector(scan.cluster) + scan.sector_in_cluster, level.sector);
       level.sector_loaded = true;
+      level.before_sector = SectorStart{m_fat.Changes(), scan.secondaries_left, Fields(scan.current.get())};
     }
     const DirectoryEntry entry(level.sector.data() + scan.entry_index * kDirectoryEntrySize, kDirectoryEntrySize);
     if (entry[0] == kEndOfDirectory) return false;
@@ -124,12 +174,14 @@ class TreeWalk {
                    kMaxDirectoryDepth);
       }
     }
-    return FinishEntry(scan);
+    return FinishEntry(level);
   }
 
   // Moves past the current entry; the directory ends when its valid length
   // is used up.
-  static bool FinishEntry(DirectoryScan& scan) {
+  static bool FinishEntry(Level& level) {
+    DirectoryScan& scan = *level.scan;
+    level.entries += 1;
     scan.entry_index += 1;
     const uint64_t before = scan.parent->valid_data_length;
     scan.parent->valid_data_length -= kDirectoryEntrySize;
@@ -144,14 +196,50 @@ class TreeWalk {
     // the cluster is passed over at once rather than sector by sector (up
     // to 2^31 of them).
     if (m_entries_per_sector == 0) scan.sector_in_cluster = m_boot.SectorsPerCluster() - 1;
+    if (!SkipUnreadableRest(level)) return false;
     if (++scan.sector_in_cluster < m_boot.SectorsPerCluster()) return true;
     scan.sector_in_cluster = 0;
-    const uint64_t next = m_fat.NextCluster(scan.cluster, scan.parent->no_fat_chain, scan.parent->valid_data_length);
-    if (next == Fat::kEndOfChain) return false;
-    // A chain that leaves the heap, or comes back to a cluster it has
-    // walked (a loop), ends the directory.
-    if (!m_fat.InRange(next) || !level.clusters_visited.insert(next).second) return false;
-    scan.cluster = next;
+    scan.cluster = m_fat.NextCluster(scan.cluster, scan.parent->no_fat_chain, scan.parent->valid_data_length);
+    if (scan.cluster == Fat::kEndOfChain) return false;
+    return EnterCluster(level);
+  }
+
+  // A sector that could not be read, gone through without changing
+  // anything, is followed by more of the same when the rest of the cluster
+  // lies past the end of the device: each would read nothing and go
+  // through the same buffer to the same effect. They are passed over at
+  // once, their entries counted off the directory's valid length. False
+  // when that length ends the directory among them.
+  bool SkipUnreadableRest(Level& level) {
+    DirectoryScan& scan = *level.scan;
+    const uint64_t rest = m_boot.SectorsPerCluster() - 1 - scan.sector_in_cluster;
+    if (level.sector_read || rest == 0 || m_entries_per_sector == 0) return true;
+    const SectorStart now{m_fat.Changes(), scan.secondaries_left, Fields(scan.current.get())};
+    const uint64_t next = m_boot.ClusterToSector(scan.cluster) + scan.sector_in_cluster + 1;
+    const uint64_t device_sectors = static_cast<uint64_t>(scan.device->SectorCount());
+    if (!(now == level.before_sector) || next < device_sectors || next + rest < next) return true;
+    const uint64_t entries = rest * m_entries_per_sector;
+    const uint64_t length = scan.parent->valid_data_length;
+    if (length % kDirectoryEntrySize == 0 && length != 0 && length / kDirectoryEntrySize <= entries) return false;
+    scan.parent->valid_data_length -= entries * kDirectoryEntrySize;
+    scan.sector_in_cluster += rest;
+    return true;
+  }
+
+  // Notes where the walk enters a cluster. False when it has been here
+  // before in the same state (it would go round the same way again) and
+  // its valid length would not end it within kEntriesToRepeat entries.
+  bool EnterCluster(Level& level) {
+    if (level.repeating) return true;
+    const DirectoryScan& scan = *level.scan;
+    WalkPoint point{scan.cluster, m_fat.Changes(), scan.secondaries_left, Fields(scan.current.get()),
+                    std::string(level.sector.begin(), level.sector.end())};
+    const auto [seen, first_time] = level.points.try_emplace(std::move(point), level.entries);
+    if (first_time) return true;
+    const uint64_t length = scan.parent->valid_data_length;
+    const bool ends = length % kDirectoryEntrySize == 0 && length != 0 && level.entries != seen->second;
+    if (!ends || length / kDirectoryEntrySize > kEntriesToRepeat) return false;
+    level.repeating = true;
     return true;
   }
 

@@ -31,7 +31,7 @@ Fat::Fat(DeviceHandle& device, BootSector& boot_sector)
       m_fat_entries_per_sector(std::max<uint64_t>(1, boot_sector.BytesPerSector() / kFatEntryBytes)),
       m_cached_fat_sector(boot_sector.FatOffset()),
       m_fat_sector_cache(SectorBufferSize()) {
-  m_cache_valid = m_device.ReadSectors(1, m_cached_fat_sector, m_fat_sector_cache);
+  m_device.ReadSectors(1, m_cached_fat_sector, m_fat_sector_cache);
   const uint32_t entry0 = static_cast<uint32_t>(ReadLe32(&m_fat_sector_cache[0]));
   if (entry0 != kMediaDescriptorEntry) throw std::runtime_error(fmt::format("Invalid FAT entry 0: {:x}\n", entry0));
   const uint32_t entry1 = static_cast<uint32_t>(ReadLe32(&m_fat_sector_cache[kFatEntryBytes]));
@@ -56,26 +56,32 @@ void Fat::PrintInvalidCluster(uint64_t cluster) const {
              static_cast<unsigned long>(m_max_cluster));
 }
 
-uint32_t Fat::ReadFatEntry(uint64_t cluster) {
-  const uint64_t sector = m_boot_sector.FatOffset() + cluster / m_fat_entries_per_sector;
+uint64_t Fat::FatSectorOf(uint64_t cluster) const {
+  // The shift is the boot sector's own, not masked as BytesPerSector's is:
+  // from 34 on, every cluster below 2^32 has its entry in the FAT's first
+  // sector. Below 2 it wraps round, and nothing is left of the cluster.
+  const uint32_t shift = m_boot_sector.BytesPerSectorShift() - 2;
+  return m_boot_sector.FatOffset() + (shift < 64 ? cluster >> shift : 0);
+}
+
+uint8_t* Fat::CachedFatEntry(uint64_t cluster) {
+  const uint64_t sector = FatSectorOf(cluster);
   if (sector != m_cached_fat_sector) {
-    m_cache_valid = m_device.ReadSectors(1, sector, m_fat_sector_cache);
+    // A sector that cannot be read leaves the cache as it was.
+    m_device.ReadSectors(1, sector, m_fat_sector_cache);
     m_cached_fat_sector = sector;
   }
-  return static_cast<uint32_t>(ReadLe32(&m_fat_sector_cache[(cluster % m_fat_entries_per_sector) * kFatEntryBytes]));
+  return &m_fat_sector_cache[(cluster % m_fat_entries_per_sector) * kFatEntryBytes];
 }
+
+uint32_t Fat::ReadFatEntry(uint64_t cluster) { return static_cast<uint32_t>(ReadLe32(CachedFatEntry(cluster))); }
 
 bool Fat::WriteFatEntry(uint64_t cluster, uint32_t value) {
   if (!InRange(cluster)) {
     PrintInvalidCluster(cluster);
     return false;
   }
-  ReadFatEntry(cluster);
-  // Writing back a sector that was never read would spread another
-  // sector's entries over it (or extend a short image).
-  if (!m_cache_valid)
-    throw std::runtime_error(fmt::format("Failed to read FAT sector {}", m_cached_fat_sector));
-  WriteLe32(&m_fat_sector_cache[(cluster % m_fat_entries_per_sector) * kFatEntryBytes], value);
+  WriteLe32(CachedFatEntry(cluster), value);
   m_device.WriteSectors(1, m_cached_fat_sector, m_fat_sector_cache);
   return true;
 }
@@ -117,11 +123,12 @@ void Fat::SetClusterBit(std::vector<uint8_t>& bitmap, uint64_t cluster, bool val
   const uint64_t byte = (cluster - 2) / 8;
   if (byte >= bitmap.size()) bitmap.resize(byte + 1, 0);
   const uint8_t mask = static_cast<uint8_t>(1u << ((cluster - 2) % 8));
-  if (value)
-    bitmap[byte] |= mask;
-  else
-    bitmap[byte] &= static_cast<uint8_t>(~mask);
+  const uint8_t before = bitmap[byte];
+  bitmap[byte] = value ? before | mask : before & static_cast<uint8_t>(~mask);
+  m_changes += bitmap[byte] != before;
 }
+
+uint64_t Fat::Changes() const { return m_changes + m_device.Writes(); }
 
 void Fat::CopyBitmapToCheck() {
   for (uint64_t i = 0; i < m_bitmap_bytes; ++i)

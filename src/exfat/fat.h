@@ -38,9 +38,8 @@ class Fat {
 
   // Read errors go unnoticed: the cache keeps what it held.
   uint32_t ReadFatEntry(uint64_t cluster);
-  // Writes the entry through to its FAT sector at once. Out of range: the
-  // invalid-cluster line and false. A FAT sector that cannot be read throws
-  // "Failed to read FAT sector {}" and nothing is written.
+  // Writes the entry through to its FAT sector at once, whether or not that
+  // sector could be read. Out of range: the invalid-cluster line and false.
   bool WriteFatEntry(uint64_t cluster, uint32_t value);
   uint64_t NextCluster(uint64_t cluster, bool no_fat_chain, uint64_t remaining);
 
@@ -65,6 +64,10 @@ class Fat {
   uint64_t UpcaseTableCluster() const { return m_upcase_table_cluster; }
   void SetUpcaseTableCluster(uint64_t cluster) { m_upcase_table_cluster = cluster; }
   uint32_t FreedChains() const { return m_freed_chains; }
+  // Grows with every change to the model or write to the device: equal
+  // counts mean nothing has changed in between.
+  uint64_t Changes() const;
+  void NoteChange() { ++m_changes; }
   const std::vector<uint8_t>& AllocationBitmap() const { return m_allocation_bitmap; }
   const std::vector<uint8_t>& CheckBitmap() const { return m_check_bitmap; }
 
@@ -79,15 +82,27 @@ class Fat {
     bool last;
   };
   using ClusterVisitor = std::function<void(uint64_t cluster)>;
-  using SectorVisitor = std::function<bool(const SectorChunk& chunk)>;
+  using SectorVisitor = std::function<void(const SectorChunk& chunk)>;
+  // Asked when the walk comes back to a cluster it has walked (the chain
+  // loops), with the walk's offset and the bytes one lap of the loop
+  // covers. A loop never fails, so the walk could only go round until its
+  // length is used up: kSettled when nothing observable can come of that
+  // (the walk ends as it would then), kUnusable when the structure can be
+  // of no use (the walk fails).
+  enum class Lap { kGoOn, kSettled, kUnusable };
+  using SettledCheck = std::function<Lap(uint64_t offset, uint64_t lap_bytes)>;
 
   // Walks the sectors of a structure of `length` bytes that starts at
-  // `first_cluster`, always through the FAT. Fails (false) with the
-  // invalid-cluster line when the chain leaves the range, ends early or
-  // loops, and silently when a visitor fails.
+  // `first_cluster`, always through the FAT, until the length is used up.
+  // Fails (false) with the invalid-cluster line when the chain leaves the
+  // range or ends early.
   bool WalkSectors(uint64_t first_cluster, uint64_t length, const ClusterVisitor& on_cluster,
-                   const SectorVisitor& on_sector);
+                   const SectorVisitor& on_sector, const SettledCheck& settled);
   size_t SectorBufferSize() const;
+  void ClearAllocated(uint64_t cluster);
+  uint64_t FatSectorOf(uint64_t cluster) const;
+  // The entry of `cluster` in the one-sector cache, its sector read first.
+  uint8_t* CachedFatEntry(uint64_t cluster);
   static bool TestBit(const std::vector<uint8_t>& bitmap, uint64_t bit_cluster);
 
   uint64_t m_upcase_table_cluster = 0;
@@ -101,9 +116,9 @@ class Fat {
   uint64_t m_max_cluster;
   uint64_t m_fat_entries_per_sector;
   uint64_t m_cached_fat_sector = 0;
-  bool m_cache_valid = false;  // the cached sector was read whole
   std::vector<uint8_t> m_fat_sector_cache;
   uint32_t m_freed_chains = 0;
+  uint64_t m_changes = 0;
 };
 
 // Builds the model; initialisation errors propagate. Never returns null.

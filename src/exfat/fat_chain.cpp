@@ -57,18 +57,37 @@ void Fat::FreeChain(uint64_t first_cluster, bool no_fat_chain, uint64_t clusters
   }
   uint64_t left = clusters - 1;
   uint64_t cluster = first_cluster;
-  // A looping chain is abandoned once it has visited as many clusters as
-  // the range holds.
-  for (uint64_t visited = 0; visited < m_max_cluster - 1; ++visited) {
+  if (no_fat_chain) {
+    // A run of consecutive clusters: cleared at once, up to its end or to
+    // the top of the range, whichever comes first.
     if (cluster > m_max_cluster) {
       PrintInvalidCluster(cluster);
       return;
     }
-    const uint64_t byte = (cluster - 2) / 8;
-    if (byte < m_allocation_bitmap.size())
-      m_allocation_bitmap[byte] &= static_cast<uint8_t>(~(1u << ((cluster - 2) % 8)));
-    const uint64_t next = NextCluster(cluster, no_fat_chain, left);
-    --left;
+    const uint64_t last = left <= m_max_cluster - cluster ? cluster + left : m_max_cluster;
+    for (uint64_t c = cluster; c <= last; ++c) ClearAllocated(c);
+    if (last - cluster == left) {
+      ++m_freed_chains;
+      return;
+    }
+    NextCluster(m_max_cluster, true, 1);  // its two lines for the cluster past the top
+    PrintInvalidCluster(m_max_cluster + 1);
+    return;
+  }
+  // A chain through the FAT may loop; from its first repeated cluster on,
+  // it would only clear the same bits again without end. The loop is found
+  // as the chain goes (Brent's method), at most two laps late, which clears
+  // nothing new.
+  uint64_t marker = cluster;
+  uint64_t steps = 0;
+  uint64_t power = 1;
+  for (;;) {
+    if (cluster > m_max_cluster) {
+      PrintInvalidCluster(cluster);
+      return;
+    }
+    ClearAllocated(cluster);
+    const uint64_t next = NextCluster(cluster, false, left--);
     if (next == kEndOfChain) {
       ++m_freed_chains;
       return;
@@ -77,6 +96,20 @@ void Fat::FreeChain(uint64_t first_cluster, bool no_fat_chain, uint64_t clusters
       PrintInvalidCluster(next);
       return;
     }
+    if (next == marker) return;
+    if (++steps == power) {
+      marker = next;
+      power *= 2;
+      steps = 0;
+    }
     cluster = next;
   }
+}
+
+void Fat::ClearAllocated(uint64_t cluster) {
+  const uint64_t byte = (cluster - 2) / 8;
+  const uint8_t mask = static_cast<uint8_t>(1u << ((cluster - 2) % 8));
+  if (byte >= m_allocation_bitmap.size() || (m_allocation_bitmap[byte] & mask) == 0) return;
+  m_allocation_bitmap[byte] &= static_cast<uint8_t>(~mask);
+  ++m_changes;
 }

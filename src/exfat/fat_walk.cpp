@@ -3,7 +3,7 @@
 // table is the third user, in upcase_table.cpp).
 #include <algorithm>
 #include <cstring>
-#include <unordered_set>
+#include <unordered_map>
 
 #include "exfat/boot_sector.h"
 #include "exfat/device_handle.h"
@@ -11,7 +11,7 @@
 #include "platform/log_message.h"
 
 bool Fat::WalkSectors(uint64_t first_cluster, uint64_t length, const ClusterVisitor& on_cluster,
-                      const SectorVisitor& on_sector) {
+                      const SectorVisitor& on_sector, const SettledCheck& settled) {
   if (first_cluster < 2) {
     PrintInvalidCluster(first_cluster);
     return false;
@@ -20,21 +20,24 @@ bool Fat::WalkSectors(uint64_t first_cluster, uint64_t length, const ClusterVisi
   uint64_t left = length;
   uint64_t offset = 0;
   uint64_t cluster = first_cluster;
-  // A chain that comes back to a cluster is going round a loop: it ends
-  // there as a chain leaving the range does. Together with visitors that
-  // read every sector, this bounds a walk by the device's size.
-  std::unordered_set<uint64_t> visited;
+  // Where each cluster was first met, to tell a loop and its length.
+  std::unordered_map<uint64_t, uint64_t> first_met;
   for (;;) {
-    if (cluster > m_max_cluster || !visited.insert(cluster).second) {
+    if (cluster > m_max_cluster) {
       PrintInvalidCluster(cluster);
       return false;
+    }
+    const auto [met, first_time] = first_met.try_emplace(cluster, offset);
+    if (!first_time) {
+      const Lap lap = settled(offset, offset - met->second);
+      if (lap != Lap::kGoOn) return lap == Lap::kSettled;
     }
     on_cluster(cluster);
     const uint64_t first_sector = m_boot_sector.ClusterToSector(cluster);
     for (uint64_t k = 0; k < m_boot_sector.SectorsPerCluster(); ++k) {
       if (left == 0) return true;
       const uint64_t bytes = std::min(bytes_per_sector, left);
-      if (!on_sector(SectorChunk{first_sector + k, offset, bytes, bytes == left})) return false;
+      on_sector(SectorChunk{first_sector + k, offset, bytes, bytes == left});
       offset += bytes;
       left -= bytes;
     }
@@ -48,8 +51,9 @@ bool Fat::WalkSectors(uint64_t first_cluster, uint64_t length, const ClusterVisi
 }
 
 bool Fat::LoadAllocationBitmap(uint64_t first_cluster, uint64_t length) {
-  // A second bitmap entry walks its chain again but does not reread it.
+  // A second bitmap entry walks its chain again but does not read it.
   const bool copy = !m_allocation_bitmap_loaded;
+  m_changes += copy;
   if (copy) {
     m_allocation_bitmap_loaded = true;
     // Only the bits of clusters in range are ever looked at: the bitmap is
@@ -57,19 +61,18 @@ bool Fat::LoadAllocationBitmap(uint64_t first_cluster, uint64_t length) {
     // where the on-disk bitmap is shorter.
     m_allocation_bitmap.assign(m_check_bitmap.size(), 0);
   }
+  const uint64_t kept = copy ? m_allocation_bitmap.size() : 0;
   std::vector<uint8_t> sector(SectorBufferSize());
   return WalkSectors(
       first_cluster, length, [this](uint64_t cluster) { MarkChecked(cluster, true); },
       [&](const SectorChunk& chunk) {
-        // Read even when not copied: a sector past the device's end fails
-        // the walk in both cases.
-        if (!m_device.ReadSectors(1, chunk.sector, sector)) return false;
-        if (copy && chunk.offset < m_allocation_bitmap.size()) {
-          const uint64_t kept = std::min<uint64_t>(chunk.bytes, m_allocation_bitmap.size() - chunk.offset);
-          std::memcpy(&m_allocation_bitmap[chunk.offset], sector.data(), kept);
-        }
-        return true;
-      });
+        if (chunk.offset >= kept) return;
+        // A sector that cannot be read leaves the buffer as it was.
+        m_device.ReadSectors(1, chunk.sector, sector);
+        std::memcpy(&m_allocation_bitmap[chunk.offset], sector.data(), std::min(chunk.bytes, kept - chunk.offset));
+      },
+      // Past the kept bytes a lap marks the same clusters again.
+      [&](uint64_t offset, uint64_t) { return offset >= kept ? Lap::kSettled : Lap::kGoOn; });
 }
 
 bool Fat::UpdateAllocationBitmap() {
@@ -83,12 +86,16 @@ bool Fat::UpdateAllocationBitmap() {
   const bool written = WalkSectors(
       start, length, [](uint64_t) {},
       [&](const SectorChunk& chunk) {
-        // A sector that cannot be read is not written back: it would carry
-        // whatever the buffer held before.
-        if (!m_device.ReadSectors(1, chunk.sector, sector)) return false;
+        // A sector that cannot be read leaves the buffer as it was, and is
+        // written back so.
+        m_device.ReadSectors(1, chunk.sector, sector);
         for (uint64_t i = 0; i < chunk.bytes; ++i) sector[i] = check_byte(chunk.offset + i);
         m_device.WriteSectors(1, chunk.sector, sector);
-        return true;
+      },
+      // Once a whole lap has written only the zeros past the check bitmap,
+      // every later lap writes the same.
+      [&](uint64_t offset, uint64_t lap_bytes) {
+        return offset >= m_check_bitmap.size() + lap_bytes ? Lap::kSettled : Lap::kGoOn;
       });
   if (!written) return false;
   const uint64_t copied = std::min<uint64_t>(length, m_allocation_bitmap.size());

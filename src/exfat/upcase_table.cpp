@@ -43,6 +43,7 @@ void UpcaseExpander::Expand(std::span<const uint8_t> chunk, bool last) {
 }
 
 bool Fat::LoadUpcaseTable(uint64_t first_cluster, uint64_t data_length, uint32_t table_checksum) {
+  const std::vector<uint16_t> before = std::move(m_upcase_table);
   // Entries the data never reaches map to themselves.
   m_upcase_table.resize(kUpcaseTableEntries);
   for (size_t i = 0; i < kUpcaseTableEntries; ++i) m_upcase_table[i] = static_cast<uint16_t>(i);
@@ -53,12 +54,16 @@ bool Fat::LoadUpcaseTable(uint64_t first_cluster, uint64_t data_length, uint32_t
   const bool walked = WalkSectors(
       first_cluster, data_length, [this](uint64_t cluster) { MarkChecked(cluster, true); },
       [&](const SectorChunk& chunk) {
-        if (!m_device.ReadSectors(1, chunk.sector, sector)) return false;
+        // A sector that cannot be read leaves the buffer as it was.
+        m_device.ReadSectors(1, chunk.sector, sector);
         const std::span<const uint8_t> bytes(sector.data(), chunk.bytes);
         for (uint8_t b : bytes) checksum = UpcaseChecksumStep(checksum, b);
         expander.Expand(bytes, chunk.last);
-        return true;
-      });
+      },
+      // A looping table whose values have run past the table's end could
+      // only keep running past it: it is of no use.
+      [&](uint64_t, uint64_t) { return expander.NextIndex() > m_upcase_table.size() ? Lap::kUnusable : Lap::kGoOn; });
+  m_changes += m_upcase_table != before;
   return walked && checksum == table_checksum;
 }
 
