@@ -175,7 +175,9 @@ bool DeleteEntrySet(const EntrySet& set, const DirectoryScan& scan, bool no_fat_
   const BootSector& boot = *scan.boot_sector;
   const uint64_t entries_per_sector = boot.BytesPerSector() / kDirectoryEntrySize;
   if (entries_per_sector == 0) return false;
-  std::vector<uint8_t> sector(std::max<size_t>(boot.BytesPerSector(), DeviceHandle::kDeviceModeSectorSize));
+  std::vector<uint8_t> sector(Fat::kSectorBytes);
+  // Entries past the device sector are never read or written back.
+  const uint64_t entries_in_buffer = Fat::kSectorBytes / kDirectoryEntrySize;
   uint64_t cluster = set.cluster;
   uint64_t sector_in_cluster = set.sector_in_cluster;
   uint64_t index = set.entry_index;
@@ -187,7 +189,7 @@ bool DeleteEntrySet(const EntrySet& set, const DirectoryScan& scan, bool no_fat_
     const uint64_t number = boot.ClusterToSector(cluster) + sector_in_cluster;
     scan.device->ReadSectors(1, number, sector);
     for (; index < entries_per_sector && left > 0; ++index, --left)
-      sector[index * kDirectoryEntrySize] &= static_cast<uint8_t>(~kInUse);
+      if (index < entries_in_buffer) sector[index * kDirectoryEntrySize] &= static_cast<uint8_t>(~kInUse);
     scan.device->WriteSectors(1, number, sector);
     if (left == 0) return true;
     index = 0;

@@ -107,7 +107,7 @@ class TreeWalk {
       : m_boot(*start.boot_sector),
         m_fat(*start.fat),
         m_entries_per_sector(m_boot.BytesPerSector() / kDirectoryEntrySize),
-        m_sector_bytes(std::max<size_t>(m_boot.BytesPerSector(), DeviceHandle::kDeviceModeSectorSize)) {
+        m_entries_in_buffer(std::min<uint64_t>(m_entries_per_sector, Fat::kSectorBytes / kDirectoryEntrySize)) {
     Push(nullptr, start);
   }
 
@@ -122,7 +122,7 @@ class TreeWalk {
     Level level;
     level.directory = std::move(directory);
     level.scan = &scan;
-    level.sector.resize(m_sector_bytes);
+    level.sector.resize(Fat::kSectorBytes);
     m_levels.push_back(std::move(level));
     EnterCluster(m_levels.back());  // the first point of a walk is always new
   }
@@ -156,6 +156,7 @@ class TreeWalk {
       level.sector_loaded = true;
       level.before_sector = SectorStart{m_fat.Changes(), scan.secondaries_left, Fields(scan.current.get())};
     }
+    if (scan.entry_index >= m_entries_in_buffer) return false;
     const DirectoryEntry entry(level.sector.data() + scan.entry_index * kDirectoryEntrySize, kDirectoryEntrySize);
     if (entry[0] == kEndOfDirectory) return false;
     if (std::unique_ptr<EntrySet> set = ProcessEntry(scan, entry)) {
@@ -246,7 +247,9 @@ class TreeWalk {
   const BootSector& m_boot;
   Fat& m_fat;
   const uint64_t m_entries_per_sector;
-  const size_t m_sector_bytes;
+  // Entries of a sector past the first 512 bytes are never read: zeros,
+  // the end of the directory.
+  const uint64_t m_entries_in_buffer;
   std::vector<Level> m_levels;
 };
 

@@ -30,7 +30,7 @@ Fat::Fat(DeviceHandle& device, BootSector& boot_sector)
       // stays inside the buffer whatever the shift says.
       m_fat_entries_per_sector(std::max<uint64_t>(1, boot_sector.BytesPerSector() / kFatEntryBytes)),
       m_cached_fat_sector(boot_sector.FatOffset()),
-      m_fat_sector_cache(SectorBufferSize()) {
+      m_fat_sector_cache(kSectorBytes) {
   m_device.ReadSectors(1, m_cached_fat_sector, m_fat_sector_cache);
   const uint32_t entry0 = static_cast<uint32_t>(ReadLe32(&m_fat_sector_cache[0]));
   if (entry0 != kMediaDescriptorEntry) throw std::runtime_error(fmt::format("Invalid FAT entry 0: {:x}\n", entry0));
@@ -43,12 +43,6 @@ Fat::Fat(DeviceHandle& device, BootSector& boot_sector)
   // length read as zero wherever a bitmap is copied or written out.
   m_check_bitmap.assign(boot_sector.ClusterCount() / 8 + 1, 0);
   SetClusterBit(m_check_bitmap, boot_sector.RootDirectoryStart(), true);
-}
-
-size_t Fat::SectorBufferSize() const {
-  // The device always transfers 512-byte sectors, whatever the volume's own
-  // sector size: a buffer must take at least that.
-  return std::max<size_t>(m_boot_sector.BytesPerSector(), DeviceHandle::kDeviceModeSectorSize);
 }
 
 void Fat::PrintInvalidCluster(uint64_t cluster) const {
@@ -71,7 +65,9 @@ uint8_t* Fat::CachedFatEntry(uint64_t cluster) {
     m_device.ReadSectors(1, sector, m_fat_sector_cache);
     m_cached_fat_sector = sector;
   }
-  return &m_fat_sector_cache[(cluster % m_fat_entries_per_sector) * kFatEntryBytes];
+  const uint64_t index = cluster % m_fat_entries_per_sector;
+  if (index < kSectorBytes / kFatEntryBytes) return &m_fat_sector_cache[index * kFatEntryBytes];
+  return m_fat_entries_past_cache.try_emplace(index, std::array<uint8_t, 4>{}).first->second.data();
 }
 
 uint32_t Fat::ReadFatEntry(uint64_t cluster) { return static_cast<uint32_t>(ReadLe32(CachedFatEntry(cluster))); }

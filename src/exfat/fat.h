@@ -1,13 +1,16 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
+#include "exfat/device_handle.h"
+
 class BootSector;
-class DeviceHandle;
 
 // The in-memory model of a volume's cluster bookkeeping: FAT entries through
 // a one-sector write-through cache, cluster chains (through the FAT, or by
@@ -22,6 +25,11 @@ class Fat {
  public:
   static constexpr uint64_t kEndOfChain = 0xFFFFFFFF;
   static constexpr size_t kUpcaseTableEntries = 65536;
+  // Every buffer holds one device sector: a volume sector of more bytes
+  // than that is read as its first 512, and the rest of it, which no read
+  // ever fills, reads as zeros.
+  static constexpr size_t kSectorBytes = DeviceHandle::kDeviceModeSectorSize;
+
 
   // Reads the first FAT sector and checks entries 0 and 1 (throws
   // "Invalid FAT entry 0: ..." / "... 1: ..."), then sizes the check bitmap
@@ -98,7 +106,6 @@ class Fat {
   // range or ends early.
   bool WalkSectors(uint64_t first_cluster, uint64_t length, const ClusterVisitor& on_cluster,
                    const SectorVisitor& on_sector, const SettledCheck& settled);
-  size_t SectorBufferSize() const;
   void ClearAllocated(uint64_t cluster);
   uint64_t FatSectorOf(uint64_t cluster) const;
   // The entry of `cluster` in the one-sector cache, its sector read first.
@@ -117,6 +124,9 @@ class Fat {
   uint64_t m_fat_entries_per_sector;
   uint64_t m_cached_fat_sector = 0;
   std::vector<uint8_t> m_fat_sector_cache;
+  // Entries of a FAT sector bigger than the cache, past its 512 bytes: no
+  // read fills them, and only a write of the same run puts a value there.
+  std::unordered_map<uint64_t, std::array<uint8_t, 4>> m_fat_entries_past_cache;
   uint32_t m_freed_chains = 0;
   uint64_t m_changes = 0;
 };

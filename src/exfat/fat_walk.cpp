@@ -62,14 +62,16 @@ bool Fat::LoadAllocationBitmap(uint64_t first_cluster, uint64_t length) {
     m_allocation_bitmap.assign(m_check_bitmap.size(), 0);
   }
   const uint64_t kept = copy ? m_allocation_bitmap.size() : 0;
-  std::vector<uint8_t> sector(SectorBufferSize());
+  std::vector<uint8_t> sector(kSectorBytes);
   return WalkSectors(
       first_cluster, length, [this](uint64_t cluster) { MarkChecked(cluster, true); },
       [&](const SectorChunk& chunk) {
         if (chunk.offset >= kept) return;
         // A sector that cannot be read leaves the buffer as it was.
         m_device.ReadSectors(1, chunk.sector, sector);
-        std::memcpy(&m_allocation_bitmap[chunk.offset], sector.data(), std::min(chunk.bytes, kept - chunk.offset));
+        // Past the device sector the chunk is zeros, as the bitmap already is.
+        const uint64_t bytes = std::min({chunk.bytes, kept - chunk.offset, uint64_t{kSectorBytes}});
+        std::memcpy(&m_allocation_bitmap[chunk.offset], sector.data(), bytes);
       },
       // Past the kept bytes a lap marks the same clusters again.
       [&](uint64_t offset, uint64_t) { return offset >= kept ? Lap::kSettled : Lap::kGoOn; });
@@ -82,14 +84,16 @@ bool Fat::UpdateAllocationBitmap() {
              static_cast<long>(length));
   // The check bitmap reads as zero past its end.
   auto check_byte = [this](uint64_t i) -> uint8_t { return i < m_check_bitmap.size() ? m_check_bitmap[i] : 0; };
-  std::vector<uint8_t> sector(SectorBufferSize());
+  std::vector<uint8_t> sector(kSectorBytes);
   const bool written = WalkSectors(
       start, length, [](uint64_t) {},
       [&](const SectorChunk& chunk) {
         // A sector that cannot be read leaves the buffer as it was, and is
         // written back so.
         m_device.ReadSectors(1, chunk.sector, sector);
-        for (uint64_t i = 0; i < chunk.bytes; ++i) sector[i] = check_byte(chunk.offset + i);
+        // Past the device sector the check bytes have nowhere to go.
+        for (uint64_t i = 0; i < std::min(chunk.bytes, uint64_t{kSectorBytes}); ++i)
+          sector[i] = check_byte(chunk.offset + i);
         m_device.WriteSectors(1, chunk.sector, sector);
       },
       // Once a whole lap has written only the zeros past the check bitmap,

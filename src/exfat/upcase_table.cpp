@@ -18,6 +18,25 @@ void UpcaseExpander::Store(uint16_t value) {
   ++m_next_index;
 }
 
+uint64_t UpcaseChecksumZeros(uint64_t acc, uint64_t count) {
+  // Above 32 bits the sum sheds a bit a step; below, a zero byte only
+  // rotates it right by one, 32 steps a full turn.
+  for (; count > 0 && acc > 0xFFFFFFFFu; --count) acc = UpcaseChecksumStep(acc, 0);
+  const unsigned turn = static_cast<unsigned>(count % 32);
+  return turn == 0 ? acc : ((acc >> turn) | (acc << (32 - turn))) & 0xFFFFFFFFu;
+}
+
+void UpcaseExpander::ExpandZeros(uint64_t values) {
+  if (values == 0) return;
+  if (m_run_pending) {  // a run of no entries
+    m_run_pending = false;
+    --values;
+  }
+  const uint64_t room = m_next_index < m_table.size() ? m_table.size() - m_next_index : 0;
+  std::fill_n(m_table.begin() + static_cast<ptrdiff_t>(m_table.size() - room), std::min(values, room), 0);
+  m_next_index += values;
+}
+
 void UpcaseExpander::Expand(std::span<const uint8_t> chunk, bool last) {
   const size_t values = chunk.size() / 2;
   for (size_t i = 0; i < values; ++i) {
@@ -50,15 +69,19 @@ bool Fat::LoadUpcaseTable(uint64_t first_cluster, uint64_t data_length, uint32_t
 
   UpcaseExpander expander(m_upcase_table);
   uint64_t checksum = 0;
-  std::vector<uint8_t> sector(SectorBufferSize());
+  std::vector<uint8_t> sector(kSectorBytes);
   const bool walked = WalkSectors(
       first_cluster, data_length, [this](uint64_t cluster) { MarkChecked(cluster, true); },
       [&](const SectorChunk& chunk) {
         // A sector that cannot be read leaves the buffer as it was.
         m_device.ReadSectors(1, chunk.sector, sector);
-        const std::span<const uint8_t> bytes(sector.data(), chunk.bytes);
+        // The bytes past the device sector are zeros.
+        const std::span<const uint8_t> bytes(sector.data(), std::min(chunk.bytes, uint64_t{kSectorBytes}));
+        const uint64_t zeros = chunk.bytes - bytes.size();
         for (uint8_t b : bytes) checksum = UpcaseChecksumStep(checksum, b);
-        expander.Expand(bytes, chunk.last);
+        checksum = UpcaseChecksumZeros(checksum, zeros);
+        expander.Expand(bytes, chunk.last && zeros == 0);
+        expander.ExpandZeros(zeros / 2);  // the real bytes are even in number when zeros follow
       },
       // A looping table whose values have run past the table's end could
       // only keep running past it: it is of no use.
