@@ -41,7 +41,7 @@ Fat::Fat(DeviceHandle& device, BootSector& boot_sector)
   // The model's top cluster, ClusterCount + 2, is bit ClusterCount: one past
   // a bitmap of exactly ClusterCount bits. Bytes past the on-disk bitmap's
   // length read as zero wherever a bitmap is copied or written out.
-  m_check_bitmap.assign(boot_sector.ClusterCount() / 8 + 1, 0);
+  m_check_bitmap = ClusterBitmap(boot_sector.ClusterCount() / 8 + 1);
   SetClusterBit(m_check_bitmap, boot_sector.RootDirectoryStart(), true);
 }
 
@@ -97,36 +97,22 @@ uint64_t Fat::NextCluster(uint64_t cluster, bool no_fat_chain, uint64_t remainin
   return next;
 }
 
-bool Fat::TestBit(const std::vector<uint8_t>& bitmap, uint64_t cluster) {
-  if (cluster < 2) return false;
-  const uint64_t byte = (cluster - 2) / 8;
-  return byte < bitmap.size() && (bitmap[byte] >> ((cluster - 2) % 8) & 1) != 0;
-}
-
 bool Fat::IsClusterAllocated(uint64_t cluster) const {
   if (!InRange(cluster)) {
     PrintInvalidCluster(cluster);
     return false;
   }
-  return TestBit(m_allocation_bitmap, cluster);
+  return m_allocation_bitmap.Test(cluster);
 }
 
-void Fat::SetClusterBit(std::vector<uint8_t>& bitmap, uint64_t cluster, bool value) {
+void Fat::SetClusterBit(ClusterBitmap& bitmap, uint64_t cluster, bool value) {
   if (!InRange(cluster)) {
     PrintInvalidCluster(cluster);
     throw std::runtime_error(fmt::format("Invalid cluster {:x}", cluster));
   }
-  const uint64_t byte = (cluster - 2) / 8;
-  if (byte >= bitmap.size()) bitmap.resize(byte + 1, 0);
-  const uint8_t mask = static_cast<uint8_t>(1u << ((cluster - 2) % 8));
-  const uint8_t before = bitmap[byte];
-  bitmap[byte] = value ? before | mask : before & static_cast<uint8_t>(~mask);
-  m_changes += bitmap[byte] != before;
+  m_changes += bitmap.Set(cluster, value);
 }
 
 uint64_t Fat::Changes() const { return m_changes + m_device.Writes(); }
 
-void Fat::CopyBitmapToCheck() {
-  for (uint64_t i = 0; i < m_bitmap_bytes; ++i)
-    m_check_bitmap[i] = i < m_allocation_bitmap.size() ? m_allocation_bitmap[i] : 0;
-}
+void Fat::CopyBitmapToCheck() { m_check_bitmap.CopyFrom(m_allocation_bitmap, m_bitmap_bytes); }

@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "exfat/cluster_bitmap.h"
 #include "exfat/device_handle.h"
 
 class BootSector;
@@ -54,9 +55,8 @@ class Fat {
   bool IsClusterAllocated(uint64_t cluster) const;
   // Sets or clears `cluster` in `bitmap` (one of this model's bitmaps);
   // throws "Invalid cluster {:x}" when it is out of range.
-  void SetClusterBit(std::vector<uint8_t>& bitmap, uint64_t cluster, bool value);
+  void SetClusterBit(ClusterBitmap& bitmap, uint64_t cluster, bool value);
   void MarkChecked(uint64_t cluster, bool value) { SetClusterBit(m_check_bitmap, cluster, value); }
-  bool IsChecked(uint64_t cluster) const { return TestBit(m_check_bitmap, cluster); }
   void CopyBitmapToCheck();
 
   bool LoadAllocationBitmap(uint64_t first_cluster, uint64_t length);
@@ -76,8 +76,6 @@ class Fat {
   // counts mean nothing has changed in between.
   uint64_t Changes() const;
   void NoteChange() { ++m_changes; }
-  const std::vector<uint8_t>& AllocationBitmap() const { return m_allocation_bitmap; }
-  const std::vector<uint8_t>& CheckBitmap() const { return m_check_bitmap; }
 
  private:
   // One sector of a chained structure, met during WalkSectors: its 512-byte
@@ -110,12 +108,11 @@ class Fat {
   uint64_t FatSectorOf(uint64_t cluster) const;
   // The entry of `cluster` in the one-sector cache, its sector read first.
   uint8_t* CachedFatEntry(uint64_t cluster);
-  static bool TestBit(const std::vector<uint8_t>& bitmap, uint64_t bit_cluster);
 
   uint64_t m_upcase_table_cluster = 0;
-  std::vector<uint8_t> m_allocation_bitmap;
+  ClusterBitmap m_allocation_bitmap;
   bool m_allocation_bitmap_loaded = false;
-  std::vector<uint8_t> m_check_bitmap;
+  ClusterBitmap m_check_bitmap;
   uint64_t m_bitmap_bytes = 0;
   std::vector<uint16_t> m_upcase_table;
   DeviceHandle& m_device;

@@ -30,9 +30,9 @@ bool Fat::CheckChain(uint64_t first_cluster, bool no_fat_chain, uint64_t data_le
     if (cluster > m_max_cluster) {
       PrintInvalidCluster(cluster);
       fault = ChainFault::kOutOfRange;
-    } else if (!TestBit(m_allocation_bitmap, cluster)) {
+    } else if (!m_allocation_bitmap.Test(cluster)) {
       fault = ChainFault::kNotAllocated;
-    } else if (TestBit(m_check_bitmap, cluster)) {
+    } else if (m_check_bitmap.Test(cluster)) {
       fault = ChainFault::kAlreadyChecked;
     } else {
       MarkChecked(cluster, true);
@@ -107,9 +107,5 @@ void Fat::FreeChain(uint64_t first_cluster, bool no_fat_chain, uint64_t clusters
 }
 
 void Fat::ClearAllocated(uint64_t cluster) {
-  const uint64_t byte = (cluster - 2) / 8;
-  const uint8_t mask = static_cast<uint8_t>(1u << ((cluster - 2) % 8));
-  if (byte >= m_allocation_bitmap.size() || (m_allocation_bitmap[byte] & mask) == 0) return;
-  m_allocation_bitmap[byte] &= static_cast<uint8_t>(~mask);
-  ++m_changes;
+  if ((cluster - 2) / 8 < m_allocation_bitmap.Size()) m_changes += m_allocation_bitmap.Set(cluster, false);
 }

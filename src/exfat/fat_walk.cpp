@@ -59,9 +59,9 @@ bool Fat::LoadAllocationBitmap(uint64_t first_cluster, uint64_t length) {
     // Only the bits of clusters in range are ever looked at: the bitmap is
     // kept at that size whatever the entry's length says, and reads as zero
     // where the on-disk bitmap is shorter.
-    m_allocation_bitmap.assign(m_check_bitmap.size(), 0);
+    m_allocation_bitmap = ClusterBitmap(m_check_bitmap.Size());
   }
-  const uint64_t kept = copy ? m_allocation_bitmap.size() : 0;
+  const uint64_t kept = copy ? m_allocation_bitmap.Size() : 0;
   std::vector<uint8_t> sector(kSectorBytes);
   return WalkSectors(
       first_cluster, length, [this](uint64_t cluster) { MarkChecked(cluster, true); },
@@ -71,7 +71,7 @@ bool Fat::LoadAllocationBitmap(uint64_t first_cluster, uint64_t length) {
         m_device.ReadSectors(1, chunk.sector, sector);
         // Past the device sector the chunk is zeros, as the bitmap already is.
         const uint64_t bytes = std::min({chunk.bytes, kept - chunk.offset, uint64_t{kSectorBytes}});
-        std::memcpy(&m_allocation_bitmap[chunk.offset], sector.data(), bytes);
+        std::memcpy(m_allocation_bitmap.Data() + chunk.offset, sector.data(), bytes);
       },
       // Past the kept bytes a lap marks the same clusters again.
       [&](uint64_t offset, uint64_t) { return offset >= kept ? Lap::kSettled : Lap::kGoOn; });
@@ -83,7 +83,6 @@ bool Fat::UpdateAllocationBitmap() {
   LogMessage("UpdateAllocationBitmap at cluster %ld (%ld bytes)\n", static_cast<long>(start),
              static_cast<long>(length));
   // The check bitmap reads as zero past its end.
-  auto check_byte = [this](uint64_t i) -> uint8_t { return i < m_check_bitmap.size() ? m_check_bitmap[i] : 0; };
   std::vector<uint8_t> sector(kSectorBytes);
   const bool written = WalkSectors(
       start, length, [](uint64_t) {},
@@ -93,16 +92,15 @@ bool Fat::UpdateAllocationBitmap() {
         m_device.ReadSectors(1, chunk.sector, sector);
         // Past the device sector the check bytes have nowhere to go.
         for (uint64_t i = 0; i < std::min(chunk.bytes, uint64_t{kSectorBytes}); ++i)
-          sector[i] = check_byte(chunk.offset + i);
+          sector[i] = m_check_bitmap.Byte(chunk.offset + i);
         m_device.WriteSectors(1, chunk.sector, sector);
       },
       // Once a whole lap has written only the zeros past the check bitmap,
       // every later lap writes the same.
       [&](uint64_t offset, uint64_t lap_bytes) {
-        return offset >= m_check_bitmap.size() + lap_bytes ? Lap::kSettled : Lap::kGoOn;
+        return offset >= m_check_bitmap.Size() + lap_bytes ? Lap::kSettled : Lap::kGoOn;
       });
   if (!written) return false;
-  const uint64_t copied = std::min<uint64_t>(length, m_allocation_bitmap.size());
-  for (uint64_t i = 0; i < copied; ++i) m_allocation_bitmap[i] = check_byte(i);
+  m_allocation_bitmap.CopyFrom(m_check_bitmap, length);
   return true;
 }
