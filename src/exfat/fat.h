@@ -88,7 +88,11 @@ class Fat {
     bool last;
   };
   using ClusterVisitor = std::function<void(uint64_t cluster)>;
-  using SectorVisitor = std::function<void(const SectorChunk& chunk)>;
+  // What a visitor makes of a sector: go on; pass over the rest of its
+  // cluster, which could change nothing; or give up, the structure being
+  // of no use (the walk fails).
+  enum class Next { kGoOn, kSkipCluster, kGiveUp };
+  using SectorVisitor = std::function<Next(const SectorChunk& chunk)>;
   // Asked when the walk comes back to a cluster it has walked (the chain
   // loops), with the walk's offset and the bytes one lap of the loop
   // covers. A loop never fails, so the walk could only go round until its

@@ -37,9 +37,16 @@ bool Fat::WalkSectors(uint64_t first_cluster, uint64_t length, const ClusterVisi
     for (uint64_t k = 0; k < m_boot_sector.SectorsPerCluster(); ++k) {
       if (left == 0) return true;
       const uint64_t bytes = std::min(bytes_per_sector, left);
-      on_sector(SectorChunk{first_sector + k, offset, bytes, bytes == left});
+      const Next next = on_sector(SectorChunk{first_sector + k, offset, bytes, bytes == left});
+      if (next == Next::kGiveUp) return false;
       offset += bytes;
       left -= bytes;
+      if (next == Next::kSkipCluster) {
+        const uint64_t rest = std::min(left / bytes_per_sector, m_boot_sector.SectorsPerCluster() - 1 - k);
+        offset += rest * bytes_per_sector;
+        left -= rest * bytes_per_sector;
+        k += rest;
+      }
     }
     if (left == 0) return true;
     cluster = ReadFatEntry(cluster);
@@ -66,12 +73,15 @@ bool Fat::LoadAllocationBitmap(uint64_t first_cluster, uint64_t length) {
   return WalkSectors(
       first_cluster, length, [this](uint64_t cluster) { MarkChecked(cluster, true); },
       [&](const SectorChunk& chunk) {
-        if (chunk.offset >= kept) return;
+        // Past the kept bytes nothing is copied: the rest of the cluster can
+        // change nothing.
+        if (chunk.offset >= kept) return Next::kSkipCluster;
         // A sector that cannot be read leaves the buffer as it was.
         m_device.ReadSectors(1, chunk.sector, sector);
         // Past the device sector the chunk is zeros, as the bitmap already is.
         const uint64_t bytes = std::min({chunk.bytes, kept - chunk.offset, uint64_t{kSectorBytes}});
         std::memcpy(m_allocation_bitmap.Data() + chunk.offset, sector.data(), bytes);
+        return Next::kGoOn;
       },
       // Past the kept bytes a lap marks the same clusters again.
       [&](uint64_t offset, uint64_t) { return offset >= kept ? Lap::kSettled : Lap::kGoOn; });
@@ -94,6 +104,7 @@ bool Fat::UpdateAllocationBitmap() {
         for (uint64_t i = 0; i < std::min(chunk.bytes, uint64_t{kSectorBytes}); ++i)
           sector[i] = m_check_bitmap.Byte(chunk.offset + i);
         m_device.WriteSectors(1, chunk.sector, sector);
+        return Next::kGoOn;
       },
       // Once a whole lap has written only the zeros past the check bitmap,
       // every later lap writes the same.

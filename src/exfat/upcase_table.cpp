@@ -69,6 +69,11 @@ bool Fat::LoadUpcaseTable(uint64_t first_cluster, uint64_t data_length, uint32_t
 
   UpcaseExpander expander(m_upcase_table);
   uint64_t checksum = 0;
+  // A table read round a looping chain, or through sectors past the end of
+  // the device, would be read as long as its length says, the same bytes
+  // over and over. Past as many bytes as the device holds and a table's
+  // worth more, it is taken to be of no use.
+  const uint64_t budget = static_cast<uint64_t>(m_device.SectorCount()) * kSectorBytes + 2 * kUpcaseTableEntries;
   std::vector<uint8_t> sector(kSectorBytes);
   const bool walked = WalkSectors(
       first_cluster, data_length, [this](uint64_t cluster) { MarkChecked(cluster, true); },
@@ -82,6 +87,7 @@ bool Fat::LoadUpcaseTable(uint64_t first_cluster, uint64_t data_length, uint32_t
         checksum = UpcaseChecksumZeros(checksum, zeros);
         expander.Expand(bytes, chunk.last && zeros == 0);
         expander.ExpandZeros(zeros / 2);  // the real bytes are even in number when zeros follow
+        return chunk.offset + chunk.bytes > budget ? Next::kGiveUp : Next::kGoOn;
       },
       // A looping table whose values have run past the table's end could
       // only keep running past it: it is of no use.
