@@ -42,41 +42,43 @@ class Utf8Messages {
   locale_t m_previous = static_cast<locale_t>(0);
 };
 
-// What a directory's walk holds when it enters a cluster. Met twice, with
-// nothing on the volume or in the model changed in between, it means the
-// walk has come round to where it was and would go round the same way
+// What going through a directory's entries can change: the volume and the
+// model (counted by Fat::Changes) and the set being assembled.
+struct ScanState {
+  uint64_t changes = 0;
+  uint32_t secondaries_left = 0;
+  std::string current;  // the fields of the set being assembled, if any
+  bool operator==(const ScanState&) const = default;
+};
+
+ScanState StateOf(const Fat& fat, const DirectoryScan& scan) {
+  ScanState state{fat.Changes(), scan.secondaries_left, {}};
+  if (const EntrySet* set = scan.current.get()) {
+    state.current.assign(reinterpret_cast<const char*>(set->raw_name.data()), set->raw_name.size() * 2);
+    for (uint64_t v : {uint64_t{set->name_chars_left}, uint64_t{set->computed_checksum},
+                       uint64_t{set->stored_checksum}, uint64_t{set->stored_name_hash}, set->first_cluster,
+                       set->data_length, set->valid_data_length, set->cluster, set->sector_in_cluster,
+                       set->entry_index})
+      state.current.append(reinterpret_cast<const char*>(&v), sizeof v);
+  }
+  return state;
+}
+
+// Where a directory's walk enters a cluster, and in what state. Met twice,
+// the walk has come round to where it was and would go round the same way
 // again.
 struct WalkPoint {
   uint64_t cluster;
-  uint64_t changes;  // writes to the device and changes to the model so far
-  uint32_t secondaries_left;
-  std::string current;  // the set being assembled, as its fields
-  std::string sector;   // the buffer, which an unreadable sector keeps
+  ScanState state;
+  std::string sector;  // the buffer, which an unreadable sector keeps
   bool operator==(const WalkPoint&) const = default;
 };
 
 struct WalkPointHash {
   size_t operator()(const WalkPoint& p) const {
-    return std::hash<std::string>()(p.current + p.sector) ^ std::hash<uint64_t>()(p.cluster * 31 + p.changes);
+    return std::hash<std::string>()(p.state.current + p.sector) ^
+           std::hash<uint64_t>()(p.cluster * 31 + p.state.changes);
   }
-};
-
-std::string Fields(const EntrySet* set) {
-  if (set == nullptr) return {};
-  std::string fields(reinterpret_cast<const char*>(set->raw_name.data()), set->raw_name.size() * 2);
-  for (uint64_t v : {uint64_t{set->name_chars_left}, uint64_t{set->computed_checksum}, uint64_t{set->stored_checksum},
-                     uint64_t{set->stored_name_hash}, set->first_cluster, set->data_length, set->valid_data_length,
-                     set->cluster, set->sector_in_cluster, set->entry_index})
-    fields.append(reinterpret_cast<const char*>(&v), sizeof v);
-  return fields;
-}
-
-// What going through a sector's entries may change.
-struct SectorStart {
-  uint64_t changes = 0;
-  uint32_t secondaries_left = 0;
-  std::string current;
-  bool operator==(const SectorStart&) const = default;
 };
 
 // A walk that has come round again goes on only while its directory's
@@ -98,7 +100,7 @@ struct Level {
   uint64_t entries = 0;
   bool repeating = false;  // come round, and left to run out its length
   bool sector_read = false;     // whether the sector in the buffer was read
-  SectorStart before_sector{};  // the state before its entries were gone through
+  ScanState before_sector{};  // the state before its entries were gone through
 };
 
 class TreeWalk {
@@ -154,7 +156,7 @@ class TreeWalk {
       level.sector_read =
           scan.device->ReadSectors(1, m_boot.ClusterToSector(scan.cluster) + scan.sector_in_cluster, level.sector);
       level.sector_loaded = true;
-      level.before_sector = SectorStart{m_fat.Changes(), scan.secondaries_left, Fields(scan.current.get())};
+      level.before_sector = StateOf(m_fat, scan);
     }
     if (scan.entry_index >= m_entries_in_buffer) return false;
     const DirectoryEntry entry(level.sector.data() + scan.entry_index * kDirectoryEntrySize, kDirectoryEntrySize);
@@ -215,7 +217,7 @@ class TreeWalk {
     DirectoryScan& scan = *level.scan;
     const uint64_t rest = m_boot.SectorsPerCluster() - 1 - scan.sector_in_cluster;
     if (level.sector_read || rest == 0 || m_entries_per_sector == 0) return true;
-    const SectorStart now{m_fat.Changes(), scan.secondaries_left, Fields(scan.current.get())};
+    const ScanState now = StateOf(m_fat, scan);
     const uint64_t next = m_boot.ClusterToSector(scan.cluster) + scan.sector_in_cluster + 1;
     const uint64_t device_sectors = static_cast<uint64_t>(scan.device->SectorCount());
     if (!(now == level.before_sector) || next < device_sectors || next + rest < next) return true;
@@ -233,8 +235,7 @@ class TreeWalk {
   bool EnterCluster(Level& level) {
     if (level.repeating) return true;
     const DirectoryScan& scan = *level.scan;
-    WalkPoint point{scan.cluster, m_fat.Changes(), scan.secondaries_left, Fields(scan.current.get()),
-                    std::string(level.sector.begin(), level.sector.end())};
+    WalkPoint point{scan.cluster, StateOf(m_fat, scan), std::string(level.sector.begin(), level.sector.end())};
     const auto [seen, first_time] = level.points.try_emplace(std::move(point), level.entries);
     if (first_time) return true;
     const uint64_t length = scan.parent->valid_data_length;
