@@ -22,6 +22,7 @@ packages=(
   libfmt-dev libboost-filesystem-dev libboost-system-dev libgtest-dev
   exfatprogs exfat-fuse fuse3 libfuse3-dev
   util-linux dpkg-dev groff-base python3
+  clang libclang-rt-14-dev
 )
 if $aarch64; then
   # libc6:arm64 is what qemu-user runs the target programs with;

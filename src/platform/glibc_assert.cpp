@@ -2,7 +2,7 @@
 // every assert() of the tool goes through the kernel-log reporter. Linked
 // ahead of the C library, these replace glibc's versions. An exception
 // escaping the report ends the process through std::terminate, as the
-// declarations are noexcept.
+// declarations are noexcept (glibc declares them noreturn).
 
 #include <cassert>
 #include <cstdlib>
@@ -12,19 +12,19 @@
 
 extern "C" {
 
-[[noreturn]] void __assert_fail(const char* expression, const char* file, unsigned int line,
-                                const char* function) noexcept {
+void __assert_fail(const char* expression, const char* file, unsigned int line,
+                   const char* function) noexcept {
   ReportAssertion(file, line, function, expression);
   abort();
 }
 
-[[noreturn]] void __assert_perror_fail(int error_number, const char* file, unsigned int line,
-                                       const char* function) noexcept {
+void __assert_perror_fail(int error_number, const char* file, unsigned int line,
+                          const char* function) noexcept {
   ReportAssertion(file, line, function, strerror(error_number));
   abort();
 }
 
-[[noreturn]] void __assert(const char* expression, const char* file, int line) noexcept {
+void __assert(const char* expression, const char* file, int line) noexcept {
   ReportAssertion(file, static_cast<unsigned>(line), "UNKNOWN", expression);
   abort();
 }
