@@ -7,7 +7,7 @@ set -u
 fuzzer=$1 scratch=$2 seconds=$3
 shift 3
 rm -rf "$scratch" && mkdir -p "$scratch/corpus" "$scratch/findings"
-truncate -s 2M "$scratch/small.img" && mkfs.exfat -c 512 "$scratch/small.img" >/dev/null
+truncate -s 4M "$scratch/small.img" && mkfs.exfat -c 512 "$scratch/small.img" >/dev/null
 python3 "$(dirname "$0")/make_corpus.py" "$scratch/seeds" "$@" "$scratch/small.img"
 export QVEXFAT_FUZZ_IMAGE=$scratch/image.img
 "$fuzzer" -max_total_time="$seconds" -timeout=5 -rss_limit_mb=2048 -max_len=1048576 \
