@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cassert>
 #include <cerrno>
 #include <climits>
@@ -53,6 +54,8 @@ bool DeviceHandle::WriteSectors(uint64_t count, uint64_t start_sector, std::span
     const ssize_t done = pwrite64(m_fd.Get(), buffer.data(), *bytes, offset);
     if (done >= 0 && static_cast<uint64_t>(done) == *bytes) {
       ++m_writes;
+      // A write past the end of an image file grows it.
+      m_sector_count = std::max(m_sector_count, static_cast<int64_t>(start_sector + count));
       return true;
     }
   }

@@ -25,6 +25,7 @@ class DeviceHandle {
   // Throws ErrnoException(errno, path) on failure; returns true otherwise.
   bool Open(const std::string& path, uint32_t sector_size, bool read_only);
 
+  // The device's size in sectors; an image file grows with writes past its end.
   int64_t SectorCount() const { return m_sector_count; }
   // How many writes have reached the device.
   uint64_t Writes() const { return m_writes; }

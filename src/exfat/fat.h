@@ -86,6 +86,7 @@ class Fat {
     uint64_t offset;
     uint64_t bytes;
     bool last;
+    uint64_t rest;  // sectors of the cluster after this one that the walk will reach
   };
   using ClusterVisitor = std::function<void(uint64_t cluster)>;
   // What a visitor makes of a sector: go on; pass over the rest of its

@@ -37,14 +37,16 @@ bool Fat::WalkSectors(uint64_t first_cluster, uint64_t length, const ClusterVisi
     for (uint64_t k = 0; k < m_boot_sector.SectorsPerCluster(); ++k) {
       if (left == 0) return true;
       const uint64_t bytes = std::min(bytes_per_sector, left);
-      const Next next = on_sector(SectorChunk{first_sector + k, offset, bytes, bytes == left});
+      const uint64_t rest = std::min((left - bytes + bytes_per_sector - 1) / bytes_per_sector,
+                                     m_boot_sector.SectorsPerCluster() - 1 - k);
+      const Next next = on_sector(SectorChunk{first_sector + k, offset, bytes, bytes == left, rest});
       if (next == Next::kGiveUp) return false;
       offset += bytes;
       left -= bytes;
       if (next == Next::kSkipCluster) {
-        const uint64_t rest = std::min(left / bytes_per_sector, m_boot_sector.SectorsPerCluster() - 1 - k);
-        offset += rest * bytes_per_sector;
-        left -= rest * bytes_per_sector;
+        const uint64_t skipped = std::min(rest * bytes_per_sector, left);
+        offset += skipped;
+        left -= skipped;
         k += rest;
       }
     }
@@ -99,12 +101,19 @@ bool Fat::UpdateAllocationBitmap() {
       [&](const SectorChunk& chunk) {
         // A sector that cannot be read leaves the buffer as it was, and is
         // written back so.
-        m_device.ReadSectors(1, chunk.sector, sector);
+        const bool read = m_device.ReadSectors(1, chunk.sector, sector);
         // Past the device sector the check bytes have nowhere to go.
         for (uint64_t i = 0; i < std::min(chunk.bytes, uint64_t{kSectorBytes}); ++i)
           sector[i] = m_check_bitmap.Byte(chunk.offset + i);
-        m_device.WriteSectors(1, chunk.sector, sector);
-        return Next::kGoOn;
+        // Zero sectors past the end of an image, and all the cluster's
+        // others after them, would only grow it with zeros: its last one
+        // grows it as far.
+        const bool zeros_past_end = !read && chunk.offset >= m_check_bitmap.Size() &&
+                                    chunk.bytes >= kSectorBytes &&
+                                    chunk.sector >= static_cast<uint64_t>(m_device.SectorCount()) &&
+                                    chunk.sector + chunk.rest >= chunk.sector;
+        m_device.WriteSectors(1, zeros_past_end ? chunk.sector + chunk.rest : chunk.sector, sector);
+        return zeros_past_end ? Next::kSkipCluster : Next::kGoOn;
       },
       // Once a whole lap has written only the zeros past the check bitmap,
       // every later lap writes the same.
