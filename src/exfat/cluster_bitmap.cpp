@@ -16,9 +16,25 @@ bool ClusterBitmap::Test(uint64_t cluster) const {
 bool ClusterBitmap::Set(uint64_t cluster, bool value) {
   uint8_t& byte = m_bytes[(cluster - 2) / 8];
   const uint8_t mask = static_cast<uint8_t>(1u << ((cluster - 2) % 8));
-  const uint8_t before = byte;
-  byte = value ? before | mask : before & static_cast<uint8_t>(~mask);
-  return byte != before;
+  const uint8_t after = value ? byte | mask : byte & static_cast<uint8_t>(~mask);
+  if (after == byte) return false;  // untouched pages stay unbacked
+  byte = after;
+  return true;
+}
+
+bool ClusterBitmap::Clear(uint64_t first, uint64_t last) {
+  bool changed = false;
+  uint64_t cluster = first;
+  for (; cluster <= last && (cluster - 2) % 8 != 0; ++cluster) changed |= Set(cluster, false);
+  // Whole bytes: only those with a bit set are written.
+  const uint64_t whole = (last + 1 - cluster) / 8;
+  uint8_t* const begin = m_bytes.get() + (cluster - 2) / 8;
+  for (uint8_t* byte = begin; (byte = std::find_if(byte, begin + whole, [](uint8_t b) { return b != 0; })) != begin + whole;) {
+    *byte++ = 0;
+    changed = true;
+  }
+  for (cluster += whole * 8; cluster <= last; ++cluster) changed |= Set(cluster, false);
+  return changed;
 }
 
 void ClusterBitmap::CopyFrom(const ClusterBitmap& other, uint64_t bytes) {

@@ -23,6 +23,9 @@ class ClusterBitmap {
   bool Test(uint64_t cluster) const;
   // The cluster must lie within the bitmap. True when the bit changed.
   bool Set(uint64_t cluster, bool value);
+  // Clears clusters first to last, which must lie within the bitmap; true
+  // when any of them was set.
+  bool Clear(uint64_t first, uint64_t last);
   // The first `bytes` bytes of `other` (zeros past its end), written only
   // where they differ, so that zeros over zeros take no memory.
   void CopyFrom(const ClusterBitmap& other, uint64_t bytes);

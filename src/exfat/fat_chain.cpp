@@ -1,5 +1,7 @@
 // The consistency walk of one file's cluster chain, and the freeing of a
 // chain that failed it.
+#include <algorithm>
+
 #include "exfat/boot_sector.h"
 #include "exfat/fat.h"
 #include "platform/log_message.h"
@@ -65,7 +67,8 @@ void Fat::FreeChain(uint64_t first_cluster, bool no_fat_chain, uint64_t clusters
       return;
     }
     const uint64_t last = left <= m_max_cluster - cluster ? cluster + left : m_max_cluster;
-    for (uint64_t c = cluster; c <= last; ++c) ClearAllocated(c);
+    const uint64_t bitmap_last = m_allocation_bitmap.Size() * 8 + 1;  // clusters past it read as clear
+    if (cluster <= bitmap_last) m_changes += m_allocation_bitmap.Clear(cluster, std::min(last, bitmap_last));
     if (last - cluster == left) {
       ++m_freed_chains;
       return;
