@@ -1,6 +1,7 @@
 #include "exfat/cluster_bitmap.h"
 
 #include <algorithm>
+#include <cstring>
 #include <new>
 
 ClusterBitmap::ClusterBitmap(uint64_t bytes) : m_size(bytes) {
@@ -38,8 +39,16 @@ bool ClusterBitmap::Clear(uint64_t first, uint64_t last) {
 }
 
 void ClusterBitmap::CopyFrom(const ClusterBitmap& other, uint64_t bytes) {
-  for (uint64_t i = 0; i < std::min(bytes, m_size); ++i) {
-    const uint8_t value = other.Byte(i);
-    if (m_bytes[i] != value) m_bytes[i] = value;
+  // A page at a time, written only where it differs.
+  constexpr uint64_t kPage = 4096;
+  static const uint8_t kZeros[kPage] = {};
+  const uint64_t end = std::min(bytes, m_size);
+  for (uint64_t at = 0; at < end; at += kPage) {
+    const uint64_t length = std::min(kPage, end - at);
+    const uint64_t from_other = at < other.m_size ? std::min(length, other.m_size - at) : 0;
+    const uint8_t* source = from_other != 0 ? other.m_bytes.get() + at : kZeros;
+    if (memcmp(m_bytes.get() + at, source, from_other) != 0) memcpy(m_bytes.get() + at, source, from_other);
+    if (memcmp(m_bytes.get() + at + from_other, kZeros, length - from_other) != 0)
+      memset(m_bytes.get() + at + from_other, 0, length - from_other);
   }
 }
