@@ -21,7 +21,7 @@ packages=(
   g++ cmake ninja-build pkg-config
   libfmt-dev libboost-filesystem-dev libboost-system-dev libgtest-dev
   exfatprogs exfat-fuse fuse3 libfuse3-dev
-  util-linux dpkg-dev groff-base python3
+  util-linux dpkg-dev groff-base python3 lintian
   clang libclang-rt-14-dev
 )
 if $aarch64; then

@@ -2,14 +2,22 @@
 # Builds the Debian package of a build tree into a scratch directory and
 # checks it against the binary inside it, with Debian's own tools:
 #   - the package architecture is the one the binary was compiled for,
-#   - the package holds exactly the tool, its manual page and the README,
+#   - the package holds exactly the tool, its manual page, the README, the
+#     copyright file and the changelog,
+#   - the copyright file is in Debian's machine-readable format and licenses
+#     every file under MIT, with the terms of the source tree's LICENSE,
+#   - the changelog is a Debian changelog whose top entry is the package's
+#     version,
 #   - the manual page renders without warnings,
-#   - Depends is exactly what dpkg-shlibdeps derives from the binary.
+#   - Depends is exactly what dpkg-shlibdeps derives from the binary,
+#   - lintian reports no error, and every warning it reports is one the
+#     README lists with its reason.
 #
 #   check-deb.sh <build-dir> <scratch-dir>
 set -euo pipefail
 build=$1
 scratch=$2
+source_dir=$(cd "$(dirname "$0")/../.." && pwd)
 
 fail() { echo "check-deb: $*" >&2; exit 1; }
 
@@ -40,8 +48,55 @@ version=$(dpkg-deb -f "$deb" Version)
 LC_ALL=C readelf -S "$tool" | grep -q '\.symtab' && fail "the packaged binary is not stripped"
 
 files=$(cd "$root" && find . -type f | sort | tr '\n' ' ')
-expected="./usr/bin/qvexfat-test ./usr/share/doc/qvexfat-test/README.md ./usr/share/man/man1/qvexfat-test.1.gz "
+doc=./usr/share/doc/qvexfat-test
+expected="./usr/bin/qvexfat-test $doc/README.md $doc/changelog.gz $doc/copyright ./usr/share/man/man1/qvexfat-test.1.gz "
 [[ "$files" == "$expected" ]] || fail "package files are: $files"
+
+# The copyright file, read with dpkg's own deb822 parser (which rejects a
+# line that is neither a field nor a continuation), printed as:
+#   format <Format of the header paragraph>
+#   files <Files>, copyright <Copyright> and license <License> of each
+#   other paragraph, the License's text lines following as "| <line>"
+#   ("|" for an empty line).
+copyright=$root/usr/share/doc/qvexfat-test/copyright
+parsed=$(perl -MDpkg::Control::Hash -e '
+  open(my $fh, "<", $ARGV[0]) or die "$ARGV[0]: $!\n";
+  my $header = 1;
+  while (1) {
+    my $paragraph = Dpkg::Control::Hash->new();
+    last unless $paragraph->parse($fh, $ARGV[0]);
+    if ($header) {
+      print "format ", $paragraph->{Format} // "", "\n";
+      $header = 0;
+      next;
+    }
+    print "files ", $paragraph->{Files} // "", "\n";
+    print "copyright ", $paragraph->{Copyright} // "", "\n";
+    my ($name, @text) = split /\n/, $paragraph->{License} // "";
+    print "license ", $name // "", "\n";
+    print "|", (length($_) ? " $_" : ""), "\n" for @text;
+  }' "$copyright" 2>&1) || fail "copyright file does not parse: $parsed"
+[[ "$(sed -n 1p <<<"$parsed")" == "format https://www.debian.org/doc/packaging-manuals/copyright-format/1.0/" ]] ||
+  fail "copyright file is not in the machine-readable format: $(head -n 1 "$copyright")"
+license=$source_dir/LICENSE
+holders=$(sed -n 's/^Copyright (c) //p' "$license")
+# The terms: LICENSE after its copyright line and the empty line below it.
+terms=$(sed '1,/^Copyright (c) /d' "$license" | sed 1d | sed 's/^/| /; s/ $//')
+expected_files="files *
+copyright $holders
+license MIT
+$terms"
+[[ "$(sed 1d <<<"$parsed")" == "$expected_files" ]] ||
+  fail "copyright file does not license every file under MIT with the terms of LICENSE:
+$(diff <(echo "$expected_files") <(sed 1d <<<"$parsed") || true)"
+
+zcat "$root/usr/share/doc/qvexfat-test/changelog.gz" >"$scratch/changelog" ||
+  fail "changelog.gz is not gzip"
+changelog_version=$(dpkg-parsechangelog -l "$scratch/changelog" -S Version 2>"$scratch/changelog.err") &&
+  [[ ! -s "$scratch/changelog.err" ]] ||
+  fail "changelog does not parse: $(cat "$scratch/changelog.err")"
+[[ "$changelog_version" == "$version" ]] ||
+  fail "the changelog's top entry is version '$changelog_version', the package is $version"
 
 warnings=$(zcat "$root/usr/share/man/man1/qvexfat-test.1.gz" | groff -man -ww -z 2>&1)
 [[ -z "$warnings" ]] || fail "manual page warnings: $warnings"
@@ -59,4 +114,21 @@ if [[ "$(normalize <<<"$declared")" != "$(normalize <<<"$derived")" ]]; then
   fail "Depends: $declared
 dpkg-shlibdeps: $derived"
 fi
-echo "check-deb: $(basename "$deb"): $arch, Depends: $declared"
+
+# lintian judges a foreign-architecture package as it does a native one.
+# Exit status 2 means it found errors, 1 that it could not run.
+status=0
+report=$(lintian --fail-on error --tag-display-limit 0 "$deb" 2>"$scratch/lintian.err") || status=$?
+if [[ $status -ne 0 ]] || grep -q '^E: ' <<<"$report"; then
+  fail "lintian (status $status):
+$report
+$(grep -v 'running with root privileges' "$scratch/lintian.err" || true)"
+fi
+lintian_warnings=$(sed -n 's/^W: [^ ]*: \([^ ]*\).*/\1/p' <<<"$report" | sort -u)
+for tag in $lintian_warnings; do
+  grep -qF "\`$tag\`" "$root/usr/share/doc/qvexfat-test/README.md" ||
+    fail "lintian warning $tag is not listed in the README:
+$report"
+done
+
+echo "check-deb: $(basename "$deb"): $arch, Depends: $declared, lintian warnings: ${lintian_warnings:-none}"
