@@ -48,11 +48,12 @@ struct ScanState {
   uint64_t changes = 0;
   uint32_t secondaries_left = 0;
   std::string current;  // the fields of the set being assembled, if any
+  std::string fat_cache;  // where an unreadable FAT sector leads
   bool operator==(const ScanState&) const = default;
 };
 
 ScanState StateOf(const Fat& fat, const DirectoryScan& scan) {
-  ScanState state{fat.Changes(), scan.secondaries_left, {}};
+  ScanState state{fat.Changes(), scan.secondaries_left, {}, fat.FatCacheKey()};
   if (const EntrySet* set = scan.current.get()) {
     state.current.assign(reinterpret_cast<const char*>(set->raw_name.data()), set->raw_name.size() * 2);
     for (uint64_t v : {uint64_t{set->name_chars_left}, uint64_t{set->computed_checksum},

@@ -115,4 +115,10 @@ void Fat::SetClusterBit(ClusterBitmap& bitmap, uint64_t cluster, bool value) {
 
 uint64_t Fat::Changes() const { return m_changes + m_device.Writes(); }
 
+std::string Fat::FatCacheKey() const {
+  std::string key(reinterpret_cast<const char*>(m_fat_sector_cache.data()), m_fat_sector_cache.size());
+  for (int shift = 0; shift < 64; shift += 8) key.push_back(static_cast<char>(m_cached_fat_sector >> shift));
+  return key;
+}
+
 void Fat::CopyBitmapToCheck() { m_check_bitmap.CopyFrom(m_allocation_bitmap, m_bitmap_bytes); }

@@ -75,6 +75,9 @@ class Fat {
   // Grows with every change to the model or write to the device: equal
   // counts mean nothing has changed in between.
   uint64_t Changes() const;
+  // The FAT sector cache, which decides where a chain goes next when the
+  // entry's own sector cannot be read.
+  std::string FatCacheKey() const;
   void NoteChange() { ++m_changes; }
 
  private:
@@ -102,14 +105,25 @@ class Fat {
   // of no use (the walk fails).
   enum class Lap { kGoOn, kSettled, kUnusable };
   using SettledCheck = std::function<Lap(uint64_t offset, uint64_t lap_bytes)>;
+  // Asked at the same point: how many whole laps may be left out, where
+  // every lap writes what the laps after it overwrite.
+  using LapSkip = std::function<uint64_t(uint64_t offset, uint64_t lap_bytes, uint64_t left)>;
 
   // Walks the sectors of a structure of `length` bytes that starts at
   // `first_cluster`, always through the FAT, until the length is used up.
   // Fails (false) with the invalid-cluster line when the chain leaves the
-  // range or ends early.
+  // range or ends early. Once round a loop, `settled` is asked again at
+  // every sector.
   bool WalkSectors(uint64_t first_cluster, uint64_t length, const ClusterVisitor& on_cluster,
-                   const SectorVisitor& on_sector, const SettledCheck& settled);
+                   const SectorVisitor& on_sector, const SettledCheck& settled, const LapSkip& skip_laps = {});
   void ClearAllocated(uint64_t cluster);
+  // Checks a run of consecutive clusters as the chain walk would, one
+  // cluster after another, but marks it as a range: true when all
+  // `expected` clusters are allocated and unmet.
+  bool CheckRun(uint64_t first_cluster, uint64_t expected);
+  // The first cluster from `first` to `last` that is not allocated or
+  // already met; last + 1 when there is none.
+  uint64_t FirstUnusable(uint64_t first, uint64_t last) const;
   uint64_t FatSectorOf(uint64_t cluster) const;
   // The entry of `cluster` in the one-sector cache, its sector read first.
   uint8_t* CachedFatEntry(uint64_t cluster);

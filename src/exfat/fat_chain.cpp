@@ -1,6 +1,7 @@
 // The consistency walk of one file's cluster chain, and the freeing of a
 // chain that failed it.
 #include <algorithm>
+#include <cstring>
 
 #include "exfat/boot_sector.h"
 #include "exfat/fat.h"
@@ -22,6 +23,10 @@ bool Fat::CheckChain(uint64_t first_cluster, bool no_fat_chain, uint64_t data_le
   ChainFault fault = ChainFault::kNone;
   if (first_cluster == 1) {
     PrintInvalidCluster(first_cluster);
+    fault = ChainFault::kOutOfRange;
+  }
+  if (no_fat_chain && fault == ChainFault::kNone) {
+    if (CheckRun(first_cluster, expected)) return true;
     fault = ChainFault::kOutOfRange;
   }
   // Every pass marks a cluster not marked before (or fails), so the walk
@@ -52,6 +57,60 @@ bool Fat::CheckChain(uint64_t first_cluster, bool no_fat_chain, uint64_t data_le
   return false;
 }
 
+bool Fat::CheckRun(uint64_t first_cluster, uint64_t expected) {
+  if (first_cluster > m_max_cluster) {
+    PrintInvalidCluster(first_cluster);
+    return false;
+  }
+  // The whole run, or up to the top of the range; a length of 0 clusters
+  // never ends before the top.
+  const bool ends = expected != 0 && expected - 1 <= m_max_cluster - first_cluster;
+  const uint64_t last = ends ? first_cluster + expected - 1 : m_max_cluster;
+  const uint64_t unusable = FirstUnusable(first_cluster, last);
+  if (unusable > first_cluster) m_changes += m_check_bitmap.Fill(first_cluster, unusable - 1, true);
+  if (unusable <= last) return false;
+  if (ends) return true;
+  NextCluster(m_max_cluster, true, 1);  // its two lines for the cluster past the top
+  PrintInvalidCluster(m_max_cluster + 1);
+  return false;
+}
+
+uint64_t Fat::FirstUnusable(uint64_t first, uint64_t last) const {
+  constexpr uint64_t kPage = ClusterBitmap::kPageBytes;
+  for (uint64_t cluster = first; cluster <= last;) {
+    const uint64_t bit = cluster - 2;
+    if (bit % 8 == 0 && last - cluster >= 7) {
+      const uint64_t byte = bit / 8;
+      const uint64_t page = byte / kPage;
+      const uint64_t from = byte % kPage;
+      const uint64_t stop = std::min(kPage, from + (last - cluster + 1) / 8);
+      // A whole page at once where it is known to be all allocated, none met.
+      if (from == 0 && stop == kPage && m_allocation_bitmap.KnownFilled(page, true) &&
+          m_check_bitmap.KnownFilled(page, false)) {
+        cluster += kPage * 8;
+        continue;
+      }
+      // Else 64 clusters, then eight, at a time while all are allocated and unmet.
+      const uint8_t* allocated = m_allocation_bitmap.PageBytes(page);
+      const uint8_t* met = m_check_bitmap.PageBytes(page);
+      uint64_t i = from;
+      for (uint64_t a, m; i + 8 <= stop; i += 8) {
+        memcpy(&a, allocated + i, 8);
+        memcpy(&m, met + i, 8);
+        if ((a & ~m) != ~uint64_t{0}) break;
+      }
+      while (i < stop && (allocated[i] & ~met[i] & 0xFF) == 0xFF) ++i;
+      if (i > from) {
+        cluster += (i - from) * 8;
+        continue;
+      }
+    }
+    if (!m_allocation_bitmap.Test(cluster) || m_check_bitmap.Test(cluster)) return cluster;
+    ++cluster;
+  }
+  return last + 1;
+}
+
 void Fat::FreeChain(uint64_t first_cluster, bool no_fat_chain, uint64_t clusters) {
   if (first_cluster < 2) {
     PrintInvalidCluster(first_cluster);
@@ -68,7 +127,7 @@ void Fat::FreeChain(uint64_t first_cluster, bool no_fat_chain, uint64_t clusters
     }
     const uint64_t last = left <= m_max_cluster - cluster ? cluster + left : m_max_cluster;
     const uint64_t bitmap_last = m_allocation_bitmap.Size() * 8 + 1;  // clusters past it read as clear
-    if (cluster <= bitmap_last) m_changes += m_allocation_bitmap.Clear(cluster, std::min(last, bitmap_last));
+    if (cluster <= bitmap_last) m_changes += m_allocation_bitmap.Fill(cluster, std::min(last, bitmap_last), false);
     if (last - cluster == left) {
       ++m_freed_chains;
       return;

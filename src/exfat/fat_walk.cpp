@@ -11,7 +11,7 @@
 #include "platform/log_message.h"
 
 bool Fat::WalkSectors(uint64_t first_cluster, uint64_t length, const ClusterVisitor& on_cluster,
-                      const SectorVisitor& on_sector, const SettledCheck& settled) {
+                      const SectorVisitor& on_sector, const SettledCheck& settled, const LapSkip& skip_laps) {
   if (first_cluster < 2) {
     PrintInvalidCluster(first_cluster);
     return false;
@@ -20,22 +20,36 @@ bool Fat::WalkSectors(uint64_t first_cluster, uint64_t length, const ClusterVisi
   uint64_t left = length;
   uint64_t offset = 0;
   uint64_t cluster = first_cluster;
-  // Where each cluster was first met, to tell a loop and its length.
-  std::unordered_map<uint64_t, uint64_t> first_met;
+  // Where each cluster was first met, with the FAT cache as it was then
+  // (an unreadable FAT sector leaves the cache holding another's entries,
+  // so the same cluster can lead elsewhere), to tell a loop and its length.
+  std::unordered_map<std::string, uint64_t> first_met;
+  uint64_t lap = 0;  // the bytes one lap covers, once the chain has come round
   for (;;) {
     if (cluster > m_max_cluster) {
       PrintInvalidCluster(cluster);
       return false;
     }
-    const auto [met, first_time] = first_met.try_emplace(cluster, offset);
+    const std::string point = std::to_string(cluster) + FatCacheKey();
+    const auto [met, first_time] = first_met.try_emplace(point, offset);
     if (!first_time) {
-      const Lap lap = settled(offset, offset - met->second);
-      if (lap != Lap::kGoOn) return lap == Lap::kSettled;
+      lap = offset - met->second;
+      met->second = offset;
+      const Lap next = settled(offset, lap);
+      if (next != Lap::kGoOn) return next == Lap::kSettled;
+      if (const uint64_t laps = skip_laps ? skip_laps(offset, lap, left) : 0; laps != 0) {
+        offset += laps * lap;
+        left -= laps * lap;
+        first_met.clear();
+        first_met.emplace(point, offset);
+      }
     }
     on_cluster(cluster);
     const uint64_t first_sector = m_boot_sector.ClusterToSector(cluster);
     for (uint64_t k = 0; k < m_boot_sector.SectorsPerCluster(); ++k) {
       if (left == 0) return true;
+      // Round a loop, the walk may settle at any sector.
+      if (const Lap now = lap != 0 ? settled(offset, lap) : Lap::kGoOn; now != Lap::kGoOn) return now == Lap::kSettled;
       const uint64_t bytes = std::min(bytes_per_sector, left);
       const uint64_t rest = std::min((left - bytes + bytes_per_sector - 1) / bytes_per_sector,
                                      m_boot_sector.SectorsPerCluster() - 1 - k);
@@ -72,7 +86,11 @@ bool Fat::LoadAllocationBitmap(uint64_t first_cluster, uint64_t length) {
   }
   const uint64_t kept = copy ? m_allocation_bitmap.Size() : 0;
   std::vector<uint8_t> sector(kSectorBytes);
-  return WalkSectors(
+  // Each page, once filled, shares memory with an equal one filled before:
+  // round a looping chain the same bytes come again and again.
+  ClusterBitmap::Sharing sharing;
+  uint64_t filling = 0;
+  const bool walked = WalkSectors(
       first_cluster, length, [this](uint64_t cluster) { MarkChecked(cluster, true); },
       [&](const SectorChunk& chunk) {
         // Past the kept bytes nothing is copied: the rest of the cluster can
@@ -82,11 +100,27 @@ bool Fat::LoadAllocationBitmap(uint64_t first_cluster, uint64_t length) {
         m_device.ReadSectors(1, chunk.sector, sector);
         // Past the device sector the chunk is zeros, as the bitmap already is.
         const uint64_t bytes = std::min({chunk.bytes, kept - chunk.offset, uint64_t{kSectorBytes}});
-        std::memcpy(m_allocation_bitmap.Data() + chunk.offset, sector.data(), bytes);
+        for (; filling < chunk.offset / ClusterBitmap::kPageBytes; ++filling) m_allocation_bitmap.Share(filling, sharing);
+        m_allocation_bitmap.Write(chunk.offset, std::span(sector).first(bytes));
         return Next::kGoOn;
       },
       // Past the kept bytes a lap marks the same clusters again.
-      [&](uint64_t offset, uint64_t) { return offset >= kept ? Lap::kSettled : Lap::kGoOn; });
+      [&](uint64_t offset, uint64_t) { return offset >= kept ? Lap::kSettled : Lap::kGoOn; },
+      // From the second time round on, every lap copies what the one before
+      // copied (the buffer, which an unreadable sector keeps, included):
+      // laps of whole pages are taken from the last one instead of read.
+      [&, repeats = uint64_t{0}](uint64_t offset, uint64_t lap_bytes, uint64_t left) mutable -> uint64_t {
+        constexpr uint64_t kPage = ClusterBitmap::kPageBytes;
+        if (++repeats < 2 || offset >= kept || offset % kPage != 0 || lap_bytes % kPage != 0) return 0;
+        const uint64_t laps = (std::min(kept - offset, left) / lap_bytes);
+        if (laps < 2) return 0;
+        for (; filling < offset / kPage; ++filling) m_allocation_bitmap.Share(filling, sharing);
+        m_allocation_bitmap.RepeatPages(filling, lap_bytes / kPage, (laps - 1) * (lap_bytes / kPage));
+        filling += (laps - 1) * (lap_bytes / kPage);
+        return laps - 1;
+      });
+  if (kept != 0) m_allocation_bitmap.Share(std::min(filling, (kept - 1) / ClusterBitmap::kPageBytes), sharing);
+  return walked;
 }
 
 bool Fat::UpdateAllocationBitmap() {
@@ -94,8 +128,12 @@ bool Fat::UpdateAllocationBitmap() {
   const uint64_t length = m_boot_sector.BitmapLength();
   LogMessage("UpdateAllocationBitmap at cluster %ld (%ld bytes)\n", static_cast<long>(start),
              static_cast<long>(length));
+  const uint64_t bytes_per_sector = m_boot_sector.BytesPerSector();
   // The check bitmap reads as zero past its end.
   std::vector<uint8_t> sector(kSectorBytes);
+  // Round a loop, once a whole lap has written only the zeros past the
+  // check bitmap, every later write puts zeros over them.
+  const uint64_t zeros_lap_ends = m_check_bitmap.Size();
   const bool written = WalkSectors(
       start, length, [](uint64_t) {},
       [&](const SectorChunk& chunk) {
@@ -105,20 +143,27 @@ bool Fat::UpdateAllocationBitmap() {
         // Past the device sector the check bytes have nowhere to go.
         for (uint64_t i = 0; i < std::min(chunk.bytes, uint64_t{kSectorBytes}); ++i)
           sector[i] = m_check_bitmap.Byte(chunk.offset + i);
-        // Zero sectors past the end of an image, and all the cluster's
-        // others after them, would only grow it with zeros: its last one
+        // Zero sectors past the end of an image, all the cluster's others
+        // after them zeros too, would only grow it with zeros: its last one
         // grows it as far.
-        const bool zeros_past_end = !read && chunk.offset >= m_check_bitmap.Size() &&
-                                    chunk.bytes >= kSectorBytes &&
+        const uint64_t ahead = chunk.rest + 1 > UINT64_MAX / bytes_per_sector ? UINT64_MAX : (chunk.rest + 1) * bytes_per_sector;
+        const bool zeros_past_end = !read && chunk.bytes >= kSectorBytes &&
                                     chunk.sector >= static_cast<uint64_t>(m_device.SectorCount()) &&
-                                    chunk.sector + chunk.rest >= chunk.sector;
+                                    chunk.sector + chunk.rest >= chunk.sector &&
+                                    m_check_bitmap.IsZero(chunk.offset, ahead);
         m_device.WriteSectors(1, zeros_past_end ? chunk.sector + chunk.rest : chunk.sector, sector);
         return zeros_past_end ? Next::kSkipCluster : Next::kGoOn;
       },
-      // Once a whole lap has written only the zeros past the check bitmap,
-      // every later lap writes the same.
       [&](uint64_t offset, uint64_t lap_bytes) {
-        return offset >= m_check_bitmap.Size() + lap_bytes ? Lap::kSettled : Lap::kGoOn;
+        return offset >= zeros_lap_ends + lap_bytes ? Lap::kSettled : Lap::kGoOn;
+      },
+      // Each lap writes the same sectors again, the laps that come after
+      // overwriting it: only the last two before the walk ends or settles
+      // can be seen (the last may read what the one before wrote).
+      [&](uint64_t offset, uint64_t lap_bytes, uint64_t left) -> uint64_t {
+        const uint64_t settles = std::max(offset, zeros_lap_ends + lap_bytes);
+        const uint64_t ends = std::min(settles - offset, left) / lap_bytes;
+        return ends > 2 ? ends - 2 : 0;
       });
   if (!written) return false;
   m_allocation_bitmap.CopyFrom(m_check_bitmap, length);
