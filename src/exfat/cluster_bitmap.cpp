@@ -31,10 +31,6 @@ const uint8_t* ClusterBitmap::PageBytes(uint64_t index) const {
   return index < m_pages.size() && m_pages[index] ? m_pages[index]->data() : kZeroPage.data();
 }
 
-uint8_t ClusterBitmap::Byte(uint64_t index) const {
-  return index < m_size ? PageBytes(index / kPage)[index % kPage] : 0;
-}
-
 bool ClusterBitmap::KnownFilled(uint64_t index, bool ones) const {
   if (index >= m_pages.size()) return !ones;
   return ones ? m_pages[index] == OnesPage() : !m_pages[index];
@@ -47,10 +43,6 @@ ClusterBitmap::Page& ClusterBitmap::Writable(uint64_t index) {
   else if (page.use_count() > 1)
     page = std::make_shared<Page>(*page);
   return *page;
-}
-
-bool ClusterBitmap::Test(uint64_t cluster) const {
-  return cluster >= 2 && (Byte((cluster - 2) / 8) >> ((cluster - 2) % 8) & 1) != 0;
 }
 
 bool ClusterBitmap::Set(uint64_t cluster, bool value) {

@@ -35,9 +35,15 @@ class ClusterBitmap {
 
   uint64_t Size() const { return m_size; }
   // Zero past the end.
-  uint8_t Byte(uint64_t index) const;
+  uint8_t Byte(uint64_t index) const {
+    if (index >= m_size) return 0;
+    const Page* page = m_pages[index / kPageBytes].get();
+    return page != nullptr ? (*page)[index % kPageBytes] : 0;
+  }
   // Clusters below 2 and past the end read as clear.
-  bool Test(uint64_t cluster) const;
+  bool Test(uint64_t cluster) const {
+    return cluster >= 2 && (Byte((cluster - 2) / 8) >> ((cluster - 2) % 8) & 1) != 0;
+  }
   // The cluster must lie within the bitmap. True when the bit changed.
   bool Set(uint64_t cluster, bool value);
   // Sets or clears clusters first to last, which must lie within the

@@ -7,6 +7,7 @@
 #include <cassert>
 #include <cerrno>
 #include <climits>
+#include <cstring>
 
 #include "platform/errno_exception.h"
 #include "platform/log_message.h"
@@ -37,7 +38,33 @@ std::optional<uint64_t> DeviceHandle::ByteCount(uint64_t count) const {
   return count * m_sector_size;
 }
 
-bool DeviceHandle::ReadSectors(uint64_t count, uint64_t start_sector, std::span<uint8_t> buffer) {
+bool DeviceHandle::ReadThroughWindow(uint64_t sector, uint64_t ahead, std::span<uint8_t> buffer) {
+  ++m_reads;
+  Window* found = nullptr;
+  for (Window& w : m_windows)
+    if (w.bytes && sector >= w.first && sector - w.first < w.sectors) found = &w;
+  if (found == nullptr) {
+    const uint64_t first = sector;
+    const uint64_t sectors = 1 + std::min(ahead, kWindowSectors - 1);
+    const int64_t offset = ByteOffset(first);
+    if (offset < 0 || first + sectors < first || ByteOffset(first + sectors) < 0) return false;
+    Window* oldest = &m_windows[0];
+    for (Window& w : m_windows)
+      if (w.last_used < oldest->last_used) oldest = &w;
+    if (!oldest->bytes) oldest->bytes = std::make_unique_for_overwrite<uint8_t[]>(kWindowSectors * m_sector_size);
+    const ssize_t done = pread64(m_fd.Get(), oldest->bytes.get(), sectors * m_sector_size, offset);
+    oldest->first = first;
+    oldest->sectors = done > 0 ? static_cast<uint64_t>(done) / m_sector_size : 0;
+    if (sector - first >= oldest->sectors) return false;
+    found = oldest;
+  }
+  found->last_used = m_reads;
+  std::memcpy(buffer.data(), found->bytes.get() + (sector - found->first) * m_sector_size, m_sector_size);
+  return true;
+}
+
+bool DeviceHandle::ReadSectors(uint64_t count, uint64_t start_sector, std::span<uint8_t> buffer, uint64_t ahead) {
+  if (count == 1 && ReadThroughWindow(start_sector, ahead, buffer)) return true;
   const std::optional<uint64_t> bytes = ByteCount(count);
   const int64_t offset = ByteOffset(start_sector);
   if (!bytes || offset < 0) return false;
@@ -52,7 +79,17 @@ bool DeviceHandle::WriteSectors(uint64_t count, uint64_t start_sector, std::span
   if (bytes && offset >= 0) {
     assert(*bytes <= buffer.size());
     const ssize_t done = pwrite64(m_fd.Get(), buffer.data(), *bytes, offset);
-    if (done >= 0 && static_cast<uint64_t>(done) == *bytes) {
+    const bool written = done >= 0 && static_cast<uint64_t>(done) == *bytes;
+    // The windows keep what the device now holds: the sectors written, or
+    // none of theirs where a write may have been cut short.
+    for (Window& w : m_windows) {
+      const uint64_t from = std::max(w.first, start_sector);
+      const uint64_t to = std::min(w.first + w.sectors, start_sector + count);
+      if (from >= to) continue;
+      if (!written) w.sectors = 0;
+      else std::memcpy(w.bytes.get() + (from - w.first) * m_sector_size, buffer.data() + (from - start_sector) * m_sector_size, (to - from) * m_sector_size);
+    }
+    if (written) {
       ++m_writes;
       // A write past the end of an image file grows it.
       m_sector_count = std::max(m_sector_count, static_cast<int64_t>(start_sector + count));

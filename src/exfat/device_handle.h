@@ -1,6 +1,8 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -32,8 +34,11 @@ class DeviceHandle {
   uint32_t SectorSize() const { return m_sector_size; }
 
   // Reads `count` sectors from `start_sector` into `buffer` (which must hold
-  // them) in one call. False, silently, unless every byte came back.
-  bool ReadSectors(uint64_t count, uint64_t start_sector, std::span<uint8_t> buffer);
+  // them). False, silently, unless every byte came back; then the buffer
+  // holds what a single read of them left there. `ahead`: how many of the
+  // sectors after a single one the caller is about to read, which are then
+  // read with it.
+  bool ReadSectors(uint64_t count, uint64_t start_sector, std::span<uint8_t> buffer, uint64_t ahead = 0);
   // Writes `count` sectors in one call. A short or failed write prints
   // "Failed to write ..." and returns false.
   bool WriteSectors(uint64_t count, uint64_t start_sector, std::span<const uint8_t> buffer);
@@ -44,7 +49,26 @@ class DeviceHandle {
   // Bytes in `count` sectors, or nothing when that does not fit one transfer.
   std::optional<uint64_t> ByteCount(uint64_t count) const;
 
+  // A single sector is read through a window: it and the sectors the
+  // caller reads next, read in one call and kept for the reads that follow
+  // (a directory's cluster, a stretch of the FAT, the bitmap). A few
+  // windows are kept, so that a walk through the FAT does not push out the
+  // directory it serves. Only sectors read whole are kept; any other is
+  // read on its own, as it always was. A write drops the windows it
+  // touches.
+  static constexpr uint64_t kWindowSectors = 128;
+  static constexpr size_t kWindows = 4;
+  struct Window {
+    std::unique_ptr<uint8_t[]> bytes;
+    uint64_t first = 0;
+    uint64_t sectors = 0;  // read whole, from `first` on
+    uint64_t last_used = 0;
+  };
+  bool ReadThroughWindow(uint64_t sector, uint64_t ahead, std::span<uint8_t> buffer);
+
   UniqueFd m_fd;
+  std::array<Window, kWindows> m_windows;
+  uint64_t m_reads = 0;
   uint32_t m_sector_size = 0;
   int64_t m_sector_count = 0;
   uint64_t m_writes = 0;

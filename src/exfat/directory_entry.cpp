@@ -1,5 +1,6 @@
 // Decoding, checking and deleting directory entry sets.
 #include <algorithm>
+#include <array>
 #include <stdexcept>
 #include <vector>
 
@@ -49,8 +50,18 @@ constexpr uint8_t kNoFatChain = 0x02;
 constexpr size_t kFileName = 2;
 constexpr uint32_t kCharsPerFileNameEntry = 15;
 
-std::unique_ptr<EntrySet> StartFileSet(const DirectoryScan& scan, DirectoryEntry e) {
-  auto set = std::make_unique<EntrySet>();
+std::unique_ptr<EntrySet> StartFileSet(DirectoryScan& scan, DirectoryEntry e) {
+  // A set takes the memory of one that is done with, its name's included:
+  // most of a scan is sets coming and going.
+  std::unique_ptr<EntrySet> set = scan.current ? std::move(scan.current) : std::move(scan.spare);
+  if (!set) {
+    set = std::make_unique<EntrySet>();
+  } else {
+    std::u16string name = std::move(set->raw_name);
+    name.clear();
+    *set = EntrySet{};
+    set->raw_name = std::move(name);
+  }
   set->stored_checksum = static_cast<uint16_t>(ReadLe16(&e[kSetChecksum]));
   set->file_attributes = static_cast<uint16_t>(ReadLe16(&e[kFileAttributes]));
   set->create_timestamp = static_cast<uint32_t>(ReadLe32(&e[kCreateTimestamp]));
@@ -80,10 +91,9 @@ void AddStreamExtension(EntrySet& set, DirectoryEntry e) {
 
 void AddFileName(EntrySet& set, DirectoryEntry e) {
   const uint32_t count = std::min(set.name_chars_left, kCharsPerFileNameEntry);
-  for (uint32_t i = 0; i < count; ++i) {
-    const char16_t unit = static_cast<char16_t>(ReadLe16(&e[kFileName + 2 * i]));
-    set.raw_name.push_back(unit);
-  }
+  std::array<char16_t, kCharsPerFileNameEntry> units;
+  for (uint32_t i = 0; i < count; ++i) units[i] = static_cast<char16_t>(ReadLe16(&e[kFileName + 2 * i]));
+  set.raw_name.append(units.data(), count);
   set.name_chars_left -= count;
   set.computed_checksum = AddEntryToChecksum(set.computed_checksum, e, false);
 }
@@ -102,10 +112,9 @@ std::unique_ptr<EntrySet> ProcessSecondary(DirectoryScan& scan, DirectoryEntry e
   }
   if (--scan.secondaries_left != 0 || !scan.current) return nullptr;
   std::unique_ptr<EntrySet> set = std::move(scan.current);
-  set->name = DisplayName(set->raw_name);
-  set->upcased_name = set->raw_name;
-  scan.fat->UpcaseName(set->upcased_name);
-  set->computed_name_hash = NameHash(set->upcased_name);
+  uint16_t hash = 0;
+  for (char16_t unit : set->raw_name) hash = AddToNameHash(hash, scan.fat->UpcaseEntry(unit));
+  set->computed_name_hash = hash;
   return set;
 }
 
@@ -150,24 +159,18 @@ std::unique_ptr<EntrySet> ProcessEntry(DirectoryScan& scan, DirectoryEntry e) {
 }
 
 bool ValidateEntrySet(const EntrySet& set, Fat& fat) {
-  const wchar_t* name = set.name.c_str();
-  if (!fat.IsClusterAllocated(set.first_cluster)) {
-    LogMessage("Deleting %ls due to invalid first cluster\n", name);
-    return false;
-  }
-  if (set.stored_name_hash != set.computed_name_hash) {
-    LogMessage("Deleting %ls due to incorrect filename hash\n", name);
-    return false;
-  }
-  if (set.stored_checksum != set.computed_checksum) {
-    LogMessage("Deleting %ls due to incorrect directory entry checksum\n", name);
-    return false;
-  }
-  if (!fat.CheckChain(set.first_cluster, set.no_fat_chain, set.data_length)) {
-    LogMessage("Deleting %ls due to file size not matching cluster allocation\n", name);
-    return false;
-  }
-  return true;
+  const char* reason = nullptr;
+  if (!fat.IsClusterAllocated(set.first_cluster))
+    reason = "invalid first cluster";
+  else if (set.stored_name_hash != set.computed_name_hash)
+    reason = "incorrect filename hash";
+  else if (set.stored_checksum != set.computed_checksum)
+    reason = "incorrect directory entry checksum";
+  else if (!fat.CheckChain(set.first_cluster, set.no_fat_chain, set.data_length))
+    reason = "file size not matching cluster allocation";
+  if (reason == nullptr) return true;
+  LogMessage("Deleting %ls due to %s\n", DisplayName(set.raw_name).c_str(), reason);
+  return false;
 }
 
 bool DeleteEntrySet(const EntrySet& set, const DirectoryScan& scan, bool no_fat_chain, uint64_t remaining) {

@@ -154,10 +154,12 @@ class TreeWalk {
     if (!level.sector_loaded) {
       // A sector that cannot be read leaves the buffer as it was, and the
       // walk goes through that again.
-      level.sector_read =
-          scan.device->ReadSectors(1, m_boot.ClusterToSector(scan.cluster) + scan.sector_in_cluster, level.sector);
+      level.sector_read = scan.device->ReadSectors(1, m_boot.ClusterToSector(scan.cluster) + scan.sector_in_cluster,
+                                                   level.sector, m_boot.SectorsPerCluster() - 1 - scan.sector_in_cluster);
       level.sector_loaded = true;
-      level.before_sector = StateOf(m_fat, scan);
+      // Only a sector that was not read can be passed over with the rest
+      // of its cluster, and only if going through it changed nothing.
+      if (!level.sector_read) level.before_sector = StateOf(m_fat, scan);
     }
     if (scan.entry_index >= m_entries_in_buffer) return false;
     const DirectoryEntry entry(level.sector.data() + scan.entry_index * kDirectoryEntrySize, kDirectoryEntrySize);
@@ -174,9 +176,10 @@ class TreeWalk {
           PushSubdirectory(scan, std::move(set));  // invalidates `level`
           return true;
         }
-        LogMessage("Not scanning %ls: directories nested deeper than %zu\n", set->name.c_str(),
+        LogMessage("Not scanning %ls: directories nested deeper than %zu\n", DisplayName(set->raw_name).c_str(),
                    kMaxDirectoryDepth);
       }
+      scan.spare = std::move(set);
     }
     return FinishEntry(level);
   }

@@ -27,6 +27,7 @@ struct DirectoryScan {
   uint64_t sector_in_cluster = 0;
   uint64_t entry_index = 0;
   std::unique_ptr<EntrySet> current;  // the set being assembled
+  std::unique_ptr<EntrySet> spare;    // a finished set, whose memory the next one takes
   uint32_t secondaries_left = 0;
 };
 

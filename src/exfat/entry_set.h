@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -9,9 +10,7 @@
 // a Stream Extension entry and File Name entries. Assembled by the
 // directory scan, then checked and, when bad, deleted on disk.
 struct EntrySet {
-  std::wstring name;            // for messages, see DisplayName
-  std::u16string raw_name;      // as stored
-  std::u16string upcased_name;  // raw_name through the up-case table
+  std::u16string raw_name;  // as stored; see DisplayName for messages
   uint32_t name_length = 0;
   uint32_t name_chars_left = 0;
   uint16_t file_attributes = 0;
@@ -42,15 +41,18 @@ constexpr uint16_t kDirectoryAttribute = 0x10;
 // One step of the 16-bit rotate-right sum used by the entry-set checksum and
 // the name hash.
 inline uint16_t EntrySetChecksumStep(uint16_t sum, uint8_t byte) {
-  return static_cast<uint16_t>(((sum & 1) << 15 | sum >> 1) + byte);
+  return static_cast<uint16_t>(std::rotr(sum, 1) + byte);
 }
 
 // Adds a 32-byte entry to a running set checksum; the File entry's own
 // checksum field (bytes 2 and 3) is left out.
 uint16_t AddEntryToChecksum(uint16_t sum, std::span<const uint8_t, 32> entry, bool primary);
 
-// The name hash over UTF-16 units, low byte first.
-uint16_t NameHash(const std::u16string& upcased_name);
+// Adds one up-cased UTF-16 unit, low byte first, to a name hash.
+inline uint16_t AddToNameHash(uint16_t hash, uint16_t unit) {
+  return EntrySetChecksumStep(EntrySetChecksumStep(hash, static_cast<uint8_t>(unit & 0xFF)),
+                              static_cast<uint8_t>(unit >> 8));
+}
 
 // A stored name as printed in messages: surrogate pairs joined into one
 // character, and units that cannot be printed (unpaired surrogates, NUL,

@@ -15,6 +15,9 @@ namespace {
 constexpr uint32_t kMediaDescriptorEntry = 0xFFFFFFF8;
 constexpr uint32_t kFatEntry1 = 0xFFFFFFFF;
 constexpr uint64_t kFatEntryBytes = 4;
+// Chains mostly run forward through the FAT: the sectors after one that is
+// read come with it.
+constexpr uint64_t kFatSectorsAhead = 31;
 
 }  // namespace
 
@@ -62,7 +65,7 @@ uint8_t* Fat::CachedFatEntry(uint64_t cluster) {
   const uint64_t sector = FatSectorOf(cluster);
   if (sector != m_cached_fat_sector) {
     // A sector that cannot be read leaves the cache as it was.
-    m_device.ReadSectors(1, sector, m_fat_sector_cache);
+    m_device.ReadSectors(1, sector, m_fat_sector_cache, kFatSectorsAhead);
     m_cached_fat_sector = sector;
   }
   const uint64_t index = cluster % m_fat_entries_per_sector;

@@ -65,7 +65,6 @@ class Fat {
   bool CheckChain(uint64_t first_cluster, bool no_fat_chain, uint64_t data_length);
 
   bool LoadUpcaseTable(uint64_t first_cluster, uint64_t data_length, uint32_t table_checksum);
-  void UpcaseName(std::u16string& name) const;
   bool HasUpcaseTable() const { return !m_upcase_table.empty(); }
   uint16_t UpcaseEntry(uint16_t unit) const { return HasUpcaseTable() ? m_upcase_table[unit] : unit; }
 

@@ -66,8 +66,15 @@ bool Fat::CheckRun(uint64_t first_cluster, uint64_t expected) {
   // never ends before the top.
   const bool ends = expected != 0 && expected - 1 <= m_max_cluster - first_cluster;
   const uint64_t last = ends ? first_cluster + expected - 1 : m_max_cluster;
-  const uint64_t unusable = FirstUnusable(first_cluster, last);
-  if (unusable > first_cluster) m_changes += m_check_bitmap.Fill(first_cluster, unusable - 1, true);
+  uint64_t unusable = first_cluster;
+  if (last - first_cluster < 64) {
+    // Most files: a few clusters, gone through one by one.
+    for (; unusable <= last && m_allocation_bitmap.Test(unusable) && !m_check_bitmap.Test(unusable); ++unusable)
+      m_changes += m_check_bitmap.Set(unusable, true);
+  } else {
+    unusable = FirstUnusable(first_cluster, last);
+    if (unusable > first_cluster) m_changes += m_check_bitmap.Fill(first_cluster, unusable - 1, true);
+  }
   if (unusable <= last) return false;
   if (ends) return true;
   NextCluster(m_max_cluster, true, 1);  // its two lines for the cluster past the top

@@ -97,7 +97,7 @@ bool Fat::LoadAllocationBitmap(uint64_t first_cluster, uint64_t length) {
         // change nothing.
         if (chunk.offset >= kept) return Next::kSkipCluster;
         // A sector that cannot be read leaves the buffer as it was.
-        m_device.ReadSectors(1, chunk.sector, sector);
+        m_device.ReadSectors(1, chunk.sector, sector, chunk.rest);
         // Past the device sector the chunk is zeros, as the bitmap already is.
         const uint64_t bytes = std::min({chunk.bytes, kept - chunk.offset, uint64_t{kSectorBytes}});
         for (; filling < chunk.offset / ClusterBitmap::kPageBytes; ++filling) m_allocation_bitmap.Share(filling, sharing);
@@ -139,7 +139,7 @@ bool Fat::UpdateAllocationBitmap() {
       [&](const SectorChunk& chunk) {
         // A sector that cannot be read leaves the buffer as it was, and is
         // written back so.
-        const bool read = m_device.ReadSectors(1, chunk.sector, sector);
+        const bool read = m_device.ReadSectors(1, chunk.sector, sector, chunk.rest);
         // Past the device sector the check bytes have nowhere to go.
         for (uint64_t i = 0; i < std::min(chunk.bytes, uint64_t{kSectorBytes}); ++i)
           sector[i] = m_check_bitmap.Byte(chunk.offset + i);

@@ -79,7 +79,7 @@ bool Fat::LoadUpcaseTable(uint64_t first_cluster, uint64_t data_length, uint32_t
       first_cluster, data_length, [this](uint64_t cluster) { MarkChecked(cluster, true); },
       [&](const SectorChunk& chunk) {
         // A sector that cannot be read leaves the buffer as it was.
-        m_device.ReadSectors(1, chunk.sector, sector);
+        m_device.ReadSectors(1, chunk.sector, sector, chunk.rest);
         // The bytes past the device sector are zeros.
         const std::span<const uint8_t> bytes(sector.data(), std::min(chunk.bytes, uint64_t{kSectorBytes}));
         const uint64_t zeros = chunk.bytes - bytes.size();
@@ -94,8 +94,4 @@ bool Fat::LoadUpcaseTable(uint64_t first_cluster, uint64_t data_length, uint32_t
       [&](uint64_t, uint64_t) { return expander.NextIndex() > m_upcase_table.size() ? Lap::kUnusable : Lap::kGoOn; });
   m_changes += m_upcase_table != before;
   return walked && checksum == table_checksum;
-}
-
-void Fat::UpcaseName(std::u16string& name) const {
-  for (char16_t& unit : name) unit = static_cast<char16_t>(UpcaseEntry(static_cast<uint16_t>(unit)));
 }
