@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building and testing qvexfat-test need,
+# Installs the Debian packages that building, testing and benchmarking
+# (scripts/bench.sh: hyperfine, GNU time) qvexfat-test need,
 # and only those that are missing. Quiet when everything is there. Works as
 # root and, for other users, through sudo.
 #
@@ -23,6 +24,7 @@ packages=(
   exfatprogs exfat-fuse fuse3 libfuse3-dev
   util-linux dpkg-dev groff-base python3 lintian
   clang libclang-rt-14-dev
+  hyperfine time
 )
 if $aarch64; then
   # libc6:arm64 is what qemu-user runs the target programs with;
