@@ -38,6 +38,13 @@ std::optional<uint64_t> DeviceHandle::ByteCount(uint64_t count) const {
   return count * m_sector_size;
 }
 
+void DeviceHandle::Prefetch(uint64_t start_sector, uint64_t count) {
+  const int64_t offset = ByteOffset(start_sector);
+  const std::optional<uint64_t> bytes = ByteCount(count);
+  if (offset >= 0 && bytes && *bytes <= static_cast<uint64_t>(INT64_MAX - offset))
+    posix_fadvise64(m_fd.Get(), offset, static_cast<off64_t>(*bytes), POSIX_FADV_WILLNEED);
+}
+
 bool DeviceHandle::ReadThroughWindow(uint64_t sector, uint64_t ahead, std::span<uint8_t> buffer) {
   ++m_reads;
   Window* found = nullptr;

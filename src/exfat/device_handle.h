@@ -39,6 +39,9 @@ class DeviceHandle {
   // sectors after a single one the caller is about to read, which are then
   // read with it.
   bool ReadSectors(uint64_t count, uint64_t start_sector, std::span<uint8_t> buffer, uint64_t ahead = 0);
+  // Tells the system that `count` sectors from `start_sector` are about to
+  // be read, so that their reads are under way together. Changes nothing.
+  void Prefetch(uint64_t start_sector, uint64_t count);
   // Writes `count` sectors in one call. A short or failed write prints
   // "Failed to write ..." and returns false.
   bool WriteSectors(uint64_t count, uint64_t start_sector, std::span<const uint8_t> buffer);

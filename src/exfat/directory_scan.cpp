@@ -127,6 +127,7 @@ class TreeWalk {
     level.scan = &scan;
     level.sector.resize(Fat::kSectorBytes);
     m_levels.push_back(std::move(level));
+    m_fat.Prefetch(scan.cluster, scan.parent->no_fat_chain, scan.parent->valid_data_length);
     EnterCluster(m_levels.back());  // the first point of a walk is always new
   }
 

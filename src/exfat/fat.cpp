@@ -100,6 +100,27 @@ uint64_t Fat::NextCluster(uint64_t cluster, bool no_fat_chain, uint64_t remainin
   return next;
 }
 
+void Fat::Prefetch(uint64_t cluster, bool no_fat_chain, uint64_t bytes) {
+  const uint64_t kMostBytes = uint64_t{4} << 20;
+  const uint64_t kSomeBytes = uint64_t{256} << 10;
+  const uint64_t sectors_per_cluster = m_boot_sector.SectorsPerCluster();
+  uint64_t left = (bytes == 0 ? kSomeBytes : std::min(bytes, kMostBytes)) / kSectorBytes + 1;
+  std::vector<uint8_t> sector(kSectorBytes);
+  while (left > 0 && InRange(cluster)) {
+    const uint64_t count = std::min(left, sectors_per_cluster);
+    m_device.Prefetch(m_boot_sector.ClusterToSector(cluster), count);
+    left -= count;
+    if (no_fat_chain) {
+      ++cluster;
+      continue;
+    }
+    const uint64_t index = cluster % m_fat_entries_per_sector;
+    if (index >= kSectorBytes / kFatEntryBytes || !m_device.ReadSectors(1, FatSectorOf(cluster), sector, kFatSectorsAhead))
+      return;
+    cluster = ReadLe32(&sector[index * kFatEntryBytes]);
+  }
+}
+
 bool Fat::IsClusterAllocated(uint64_t cluster) const {
   if (!InRange(cluster)) {
     PrintInvalidCluster(cluster);

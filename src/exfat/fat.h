@@ -52,6 +52,13 @@ class Fat {
   bool WriteFatEntry(uint64_t cluster, uint32_t value);
   uint64_t NextCluster(uint64_t cluster, bool no_fat_chain, uint64_t remaining);
 
+  // Starts the reads of up to `bytes` of a chain's clusters (0: a few
+  // clusters' worth), so that a cold device serves them together rather than
+  // one after another. The FAT is read through the device, never through
+  // the model's cache, and the chain is left at the first thing out of the
+  // ordinary: nothing the model shows changes.
+  void Prefetch(uint64_t first_cluster, bool no_fat_chain, uint64_t bytes);
+
   bool IsClusterAllocated(uint64_t cluster) const;
   // Sets or clears `cluster` in `bitmap` (one of this model's bitmaps);
   // throws "Invalid cluster {:x}" when it is out of range.

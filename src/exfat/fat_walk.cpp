@@ -90,6 +90,7 @@ bool Fat::LoadAllocationBitmap(uint64_t first_cluster, uint64_t length) {
   // round a looping chain the same bytes come again and again.
   ClusterBitmap::Sharing sharing;
   uint64_t filling = 0;
+  if (copy) Prefetch(first_cluster, false, std::min(length, kept));
   const bool walked = WalkSectors(
       first_cluster, length, [this](uint64_t cluster) { MarkChecked(cluster, true); },
       [&](const SectorChunk& chunk) {

@@ -75,6 +75,7 @@ bool Fat::LoadUpcaseTable(uint64_t first_cluster, uint64_t data_length, uint32_t
   // worth more, it is taken to be of no use.
   const uint64_t budget = static_cast<uint64_t>(m_device.SectorCount()) * kSectorBytes + 2 * kUpcaseTableEntries;
   std::vector<uint8_t> sector(kSectorBytes);
+  Prefetch(first_cluster, false, std::min<uint64_t>(data_length, budget));
   const bool walked = WalkSectors(
       first_cluster, data_length, [this](uint64_t cluster) { MarkChecked(cluster, true); },
       [&](const SectorChunk& chunk) {
