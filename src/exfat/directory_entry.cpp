@@ -1,6 +1,5 @@
 // Decoding, checking and deleting directory entry sets.
 #include <algorithm>
-#include <array>
 #include <stdexcept>
 #include <vector>
 
@@ -91,9 +90,9 @@ void AddStreamExtension(EntrySet& set, DirectoryEntry e) {
 
 void AddFileName(EntrySet& set, DirectoryEntry e) {
   const uint32_t count = std::min(set.name_chars_left, kCharsPerFileNameEntry);
-  std::array<char16_t, kCharsPerFileNameEntry> units;
-  for (uint32_t i = 0; i < count; ++i) units[i] = static_cast<char16_t>(ReadLe16(&e[kFileName + 2 * i]));
-  set.raw_name.append(units.data(), count);
+  const size_t at = set.raw_name.size();
+  set.raw_name.resize(at + count);
+  for (uint32_t i = 0; i < count; ++i) set.raw_name[at + i] = static_cast<char16_t>(ReadLe16(&e[kFileName + 2 * i]));
   set.name_chars_left -= count;
   set.computed_checksum = AddEntryToChecksum(set.computed_checksum, e, false);
 }

@@ -240,7 +240,7 @@ class TreeWalk {
   bool EnterCluster(Level& level) {
     if (level.repeating) return true;
     const DirectoryScan& scan = *level.scan;
-    WalkPoint point{scan.cluster, StateOf(m_fat, scan), std::string(level.sector.begin(), level.sector.end())};
+    WalkPoint point{scan.cluster, StateOf(m_fat, scan), std::string(reinterpret_cast<const char*>(level.sector.data()), level.sector.size())};
     const auto [seen, first_time] = level.points.try_emplace(std::move(point), level.entries);
     if (first_time) return true;
     const uint64_t length = scan.parent->valid_data_length;
