@@ -45,16 +45,6 @@ ClusterBitmap::Page& ClusterBitmap::Writable(uint64_t index) {
   return *page;
 }
 
-bool ClusterBitmap::Set(uint64_t cluster, bool value) {
-  const uint64_t index = (cluster - 2) / 8;
-  const uint8_t mask = static_cast<uint8_t>(1u << ((cluster - 2) % 8));
-  const uint8_t before = Byte(index);
-  const uint8_t after = value ? before | mask : before & static_cast<uint8_t>(~mask);
-  if (after == before) return false;  // a shared page stays shared
-  Writable(index / kPage)[index % kPage] = after;
-  return true;
-}
-
 bool ClusterBitmap::Fill(uint64_t first, uint64_t last, bool value) {
   bool changed = false;
   uint64_t cluster = first;

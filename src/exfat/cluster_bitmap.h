@@ -45,7 +45,15 @@ class ClusterBitmap {
     return cluster >= 2 && (Byte((cluster - 2) / 8) >> ((cluster - 2) % 8) & 1) != 0;
   }
   // The cluster must lie within the bitmap. True when the bit changed.
-  bool Set(uint64_t cluster, bool value);
+  bool Set(uint64_t cluster, bool value) {
+    const uint64_t index = (cluster - 2) / 8;
+    const uint8_t mask = static_cast<uint8_t>(1u << ((cluster - 2) % 8));
+    const uint8_t before = Byte(index);
+    const uint8_t after = value ? before | mask : before & static_cast<uint8_t>(~mask);
+    if (after == before) return false;  // a shared page stays shared
+    Writable(index / kPageBytes)[index % kPageBytes] = after;
+    return true;
+  }
   // Sets or clears clusters first to last, which must lie within the
   // bitmap; true when any of them changed.
   bool Fill(uint64_t first, uint64_t last, bool value);

@@ -56,10 +56,7 @@ std::unique_ptr<EntrySet> StartFileSet(DirectoryScan& scan, DirectoryEntry e) {
   if (!set) {
     set = std::make_unique<EntrySet>();
   } else {
-    std::u16string name = std::move(set->raw_name);
-    name.clear();
-    *set = EntrySet{};
-    set->raw_name = std::move(name);
+    set->Reset();
   }
   set->stored_checksum = static_cast<uint16_t>(ReadLe16(&e[kSetChecksum]));
   set->file_attributes = static_cast<uint16_t>(ReadLe16(&e[kFileAttributes]));

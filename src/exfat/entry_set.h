@@ -34,6 +34,14 @@ struct EntrySet {
   uint64_t sector_in_cluster = 0;
   uint64_t entry_index = 0;
   uint64_t entry_count = 0;
+
+  // As new, keeping the memory of the name.
+  void Reset() {
+    std::u16string name = std::move(raw_name);
+    name.clear();
+    *this = EntrySet{};
+    raw_name = std::move(name);
+  }
 };
 
 constexpr uint16_t kDirectoryAttribute = 0x10;
