@@ -7,7 +7,11 @@
 #   scripts/install-deps.sh            native (amd64) build and tests
 #   scripts/install-deps.sh --aarch64  also the arm64 cross compiler, the
 #                                      arm64 libraries and qemu-user to run
-#                                      the aarch64 build's tests
+#                                      the aarch64 build's tests, and
+#                                      qemu-system-arm with the arm64 kernel,
+#                                      busybox and exfatprogs (unpacked in
+#                                      build/kernel-cache, not installed) to
+#                                      boot them on Linux's exFAT driver
 set -euo pipefail
 
 aarch64=false
@@ -35,6 +39,9 @@ if $aarch64; then
     libfmt-dev:arm64 libboost-filesystem-dev:arm64 libboost-system-dev:arm64
     libgtest-dev:arm64 libfuse3-dev:arm64
   )
+  # qemu-system-arm boots Debian's arm64 kernel for the kernel driver's
+  # tests; kmod's depmod indexes that kernel's modules.
+  packages+=(qemu-system-arm kmod)
 fi
 
 # A plain name must be installed for the native architecture (or be
@@ -51,7 +58,15 @@ missing=()
 for package in "${packages[@]}"; do
   installed "$package" || missing+=("$package")
 done
-[[ ${#missing[@]} -eq 0 ]] && exit 0
+fetch_kernel() {
+  if $aarch64; then
+    "$(dirname "$0")/../test/kernel/fetch.sh" "$(dirname "$0")/../build/kernel-cache"
+  fi
+}
+if [[ ${#missing[@]} -eq 0 ]]; then
+  fetch_kernel
+  exit 0
+fi
 
 as_root=()
 if [[ $(id -u) -ne 0 ]]; then
@@ -69,3 +84,4 @@ export DEBIAN_FRONTEND=noninteractive
 "${as_root[@]}" apt-get update -qq
 "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
   apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+fetch_kernel

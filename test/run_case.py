@@ -9,11 +9,17 @@ A case is a directory with two files:
               and {V} stand for the scratch image, loop device and volume,
               and {N}, {HEX}, {NAME}, {*} match what varies from run to run
 
+A case that begins with `machine` (or makes a `volume kernel`) runs its
+steps in the emulated arm64 machine of test/kernel/machine.py, on Linux's
+own exFAT driver; the machine must be running (machine.py start).
+
 Exit status: 0 when the transcript matches, 1 when it does not (a unified
-diff is printed), 77 when the case needs mounts this machine cannot make.
+diff is printed), 77 when the case needs mounts this machine cannot make,
+or the arm64 machine where qemu or its kernel is missing.
 """
 
 import argparse
+import base64
 import difflib
 import glob
 import hashlib
@@ -28,6 +34,8 @@ import sys
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(HERE, "kernel"))
+from machine import Machine, unavailable  # noqa: E402
 SKIP = 77
 NAME_PATTERN = ("abcdefghijklmnopqrstuvwxyz" "ABCDEFGHIJKLMNOPQRSTUVWXYZ") * 5
 
@@ -208,6 +216,49 @@ class Mounts:
                     run(["umount", "-l", argv[1]])
 
 
+# --- The arm64 machine -----------------------------------------------------------
+
+# Kernel log lines a transcript shows: the exFAT driver's, the loop and
+# block layers' (I/O errors on the loop device) and reports of a kernel bug,
+# but not the "detected capacity change" of every loop attach. The rest is
+# the emulated machine's own noise, which comes and goes with the host's
+# load ("hrtimer: interrupt took 24326560 ns").
+KERNEL_LINES = re.compile(r"^(?!.*detected capacity change).*(exFAT|\bloop\d|I/O error|BUG|WARNING|Oops)")
+
+
+class Guest:
+    """A case's side of the machine: its scratch directory in the guest's
+    tmpfs, with the image and the mount point, and the kernel's log."""
+
+    ROOT = "/tmp/case"
+
+    def __init__(self, machine_dir):
+        self.machine = Machine.attach(machine_dir)
+        self.image, self.volume = f"{self.ROOT}/image.img", f"{self.ROOT}/mnt"
+
+    def run(self, command, timeout=300):
+        """(status, stdout, stderr) of a shell command line; a status of
+        128 + N, the shell's for a signal, is shown as the host shows it."""
+        status, out, err = self.machine.run(command, timeout)
+        return (128 - status if 128 < status < 128 + 32 else status), out, err
+
+    def must(self, command, timeout=300):
+        status, out, err = self.run(command, timeout)
+        if status != 0:
+            raise CaseError(f"in the machine, {command}: {(out + err).decode(errors='replace')}".strip())
+        return out.decode(errors="replace")
+
+    def reset(self):
+        """Undoes what an earlier case left mounted; empties the kernel log."""
+        self.must(f"awk '$2 ~ \"^{self.ROOT}/\" {{ print $2 }}' /proc/mounts | sort -r | xargs -r umount; "
+                  "for d in /dev/loop[0-9]*; do losetup -d $d 2>/dev/null; done; "
+                  f"rm -rf {self.ROOT} && mkdir -p {self.volume} && dmesg -c >/dev/null")
+
+    def kernel_lines(self):
+        lines = (re.sub(r"^\[ *\d+\.\d+\] ", "", line) for line in self.machine.kernel_log())
+        return [line for line in lines if KERNEL_LINES.match(line)]
+
+
 # --- The steps -----------------------------------------------------------------
 
 class Case:
@@ -223,17 +274,28 @@ class Case:
         self.timeout = 300
         self.snapshot = None
         self.transcript = []
+        self.guest = None
 
     # Setting up the image.
     def step_image(self, name):
         source = os.path.join(self.directory, name)
         if not os.path.exists(source):
             source = os.path.join(HERE, "images", name)
+        if self.guest:  # the images are small packed: a few seconds through the channel
+            with open(source, "rb") as packed:
+                data = base64.b64encode(packed.read()).decode()
+            self.guest.must(f"echo {data} | base64 -d | xz -d >{self.guest.image}")
+            return
         self.new_image()
         with lzma.open(source) as packed, open(self.image.path, "wb") as out:
             shutil.copyfileobj(packed, out)
 
     def step_mkfs(self, size, cluster, *label):
+        if self.guest:
+            self.guest.must(f"truncate -s {size_value(size)} {self.guest.image} && mkfs.exfat -c "
+                            f"{size_value(cluster)} {' '.join('-L ' + shlex.quote(l) for l in label)} "
+                            f"{self.guest.image} >/dev/null")
+            return
         self.new_image()
         open(self.image.path, "wb").close()
         os.truncate(self.image.path, size_value(size))
@@ -289,20 +351,40 @@ class Case:
         self.timeout = int(seconds)
 
     # Mounts.
+    def step_machine(self):
+        """What follows runs in the arm64 machine: {IMAGE}, {DEV} and {V}
+        are its own, and the kernel log lines logged during a step follow
+        the step's output as "kernel: ..." lines."""
+        self.guest = Guest(self.args.machine)
+        self.guest.reset()
+        self.volume = self.guest.volume
+
     def step_loop(self):
         """Attaches the image to a loop device, {DEV}, without mounting it."""
+        if self.guest:  # busybox's losetup has no --show
+            self.device = self.guest.must(f"dev=$(losetup -f) && losetup $dev {self.guest.image} "
+                                          "&& echo $dev").strip()
+            return
         self.device = self.mounts.loop(self.image.path)
 
     def step_mount(self, *options):
-        """Attaches the image to a loop device and mounts it with exfat-fuse."""
-        self.device = self.mounts.loop(self.image.path)
+        """Attaches the image to a loop device and mounts it: with
+        exfat-fuse, or in the machine with the kernel's driver."""
+        self.step_loop()
+        if self.guest:
+            self.guest.must(f"mount -t exfat {'-o ' + options[0] if options else ''} "
+                            f"{self.device} {self.volume}")
+            return
         self.volume = os.path.join(self.scratch, "mnt")
         self.mounts.mount(["mount.exfat-fuse"] + (["-o", options[0]] if options else [])
                           + [self.device], self.volume)
 
     def step_volume(self, kind, *params):
         """A mounted volume for volume mode: exfat-fuse SIZE CLUSTER [ro],
-        faultfs FAULT SIZE CLUSTER, or tmpfs SIZE."""
+        faultfs FAULT SIZE CLUSTER, tmpfs SIZE, or kernel SIZE CLUSTER [ro]
+        (in the machine)."""
+        if kind == "kernel":  # then made and mounted as for exfat-fuse, in the machine
+            self.step_machine()
         if kind == "tmpfs":
             self.volume = os.path.join(self.scratch, "mnt")
             self.mounts.mount(["mount", "-t", "tmpfs", "-o", f"size={params[0]}", "tmpfs"],
@@ -320,6 +402,11 @@ class Case:
                               self.volume)
 
     def step_unmount(self):
+        if self.guest:  # the mount may be a `sh` step's, or refused
+            self.guest.must(f"if grep -q ' {self.volume} ' /proc/mounts; then umount {self.volume}; fi"
+                            + (f" && losetup -d {self.device}" if self.device else ""))
+            self.device = None
+            return
         self.mounts.release()
         self.volume = self.device = None
 
@@ -327,23 +414,39 @@ class Case:
     def step_run(self, *argv):
         self.record("$ qvexfat-test " + " ".join(a if re.fullmatch(r"[^\s'\"]+", a) else shlex.quote(a)
                                                  for a in argv))
+        try:
+            status, out, err = self.run_tool([self.substitute(a) for a in argv])
+        except subprocess.TimeoutExpired as e:
+            self.record_output(e.stderr or b"")
+            self.record(f"[still running after {self.timeout} s]")
+            return
+        self.record_output(err)
+        for line in out.decode(errors="replace").splitlines():
+            self.record("stdout: " + line)
+        self.record_status(status)
+
+    def run_tool(self, argv):
+        if self.guest:  # the machine's initramfs has fixed_rand in the loader's path
+            env = (f"QVEXFAT_RAND={shlex.quote(self.rand)} "
+                   f"LD_PRELOAD={os.path.basename(self.args.rand_lib)} " if self.rand is not None else "")
+            return self.guest.run(env + shlex.join(["qvexfat-test"] + argv), self.timeout)
         env = dict(os.environ)
         preload = []
         if self.rand is not None:
             env["QVEXFAT_RAND"] = self.rand
             preload = [self.args.rand_lib]
             env["ASAN_OPTIONS"] = env.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"
-        command = self.emulated([self.args.tool] + [self.substitute(a) for a in argv], preload, env)
-        try:
-            result = subprocess.run(command, capture_output=True, env=env, timeout=self.timeout)
-        except subprocess.TimeoutExpired as e:
-            self.record_output(e.stderr or b"")
-            self.record(f"[still running after {self.timeout} s]")
-            return
-        self.record_output(result.stderr)
-        for line in result.stdout.decode(errors="replace").splitlines():
-            self.record("stdout: " + line)
-        self.record_status(result.returncode)
+        command = self.emulated([self.args.tool] + argv, preload, env)
+        result = subprocess.run(command, capture_output=True, env=env, timeout=self.timeout)
+        return result.returncode, result.stdout, result.stderr
+
+    def step_sh(self, command):
+        """A shell command line in the machine, shown with what it printed
+        (standard output and error as one) and its status."""
+        self.record("$ " + command)
+        status, out, _ = self.guest.run(f"{{ {self.substitute(command)}\n}} 2>&1", self.timeout)
+        self.record_output(out)
+        self.record_status(status)
 
     def step_probe(self, mode, as_user="nobody"):
         """The assertion probe, by default as a user who cannot write the
@@ -394,33 +497,32 @@ class Case:
 
     def step_fsck(self):
         self.record("$ fsck.exfat -n {IMAGE}")
-        result = subprocess.run(["fsck.exfat", "-n", self.image.path], stdout=subprocess.PIPE,
-                                stderr=subprocess.STDOUT)
-        self.record_output(result.stdout)
-        self.record_status(result.returncode)
+        if self.guest:
+            status, out, _ = self.guest.run(f"fsck.exfat -n {self.guest.image} 2>&1")
+        else:
+            result = subprocess.run(["fsck.exfat", "-n", self.image.path], stdout=subprocess.PIPE,
+                                    stderr=subprocess.STDOUT)
+            status, out = result.returncode, result.stdout
+        self.record_output(out)
+        self.record_status(status)
 
     def step_ls(self, path):
         """Names and sizes under a directory of the volume."""
         self.record(f"$ ls {path}")
-        top = self.substitute(path)
-        found = []
-        for parent, dirs, files in os.walk(top):
-            for name in dirs + files:
-                full = os.path.join(parent, name)
-                size = "dir" if os.path.isdir(full) else str(os.lstat(full).st_size)
-                found.append(f"{shown_name(os.path.relpath(full, top))} {size}")
-        for line in sorted(found):
+        for line in sorted(f"{shown_name(name)} {'dir' if is_dir else size}"
+                           for name, size, is_dir in self.entries(path, recursive=True)):
             self.record(line)
 
     def step_count(self, path):
         self.record(f"$ count {path}")
-        top = self.substitute(path)
-        names = os.listdir(top)
-        size = sum(os.lstat(os.path.join(top, n)).st_size for n in names)
-        self.record(f"{len(names)} entries, {size} bytes")
+        found = self.entries(path, recursive=False)
+        self.record(f"{len(found)} entries, {sum(size for _, size, _ in found)} bytes")
 
     def step_md5(self, path):
         self.record(f"$ md5 {path}")
+        if self.guest:
+            self.record(self.guest.must(f"md5sum {shlex.quote(self.substitute(path))}").split()[0])
+            return
         with open(self.substitute(path), "rb") as f:
             self.record(hashlib.md5(f.read()).hexdigest())
 
@@ -429,15 +531,38 @@ class Case:
         before it, as the tests write their files."""
         self.record(f"$ period {pattern} {length}")
         n, lines = int(length), []
-        for path in glob.glob(self.substitute(pattern)):
-            with open(path, "rb") as f:
-                data = f.read()
+        for path, data in self.files(self.substitute(pattern)):
             broken = next((i for i in range(n, len(data), n)
                            if data[i:i + n] != data[i - n:i - n + len(data[i:i + n])]), None)
             lines.append(f"{shown_name(os.path.basename(path))}: {len(data)} bytes"
                          + (f", period broken at {broken}" if broken else ""))
         for line in sorted(lines):
             self.record(line)
+
+    # The volume's files, on the host or in the machine.
+    def entries(self, path, recursive):
+        """(name relative to the directory, size, whether a directory) of
+        each entry of a directory, and with recursive of its directories'."""
+        top = self.substitute(path)
+        if self.guest:
+            out = self.guest.must(f"cd {shlex.quote(top)} && find . -mindepth 1 "
+                                  f"{'' if recursive else '-maxdepth 1 '}-exec stat -c '%F|%s|%n' {{}} +")
+            return [(name[2:], int(size), kind == "directory")
+                    for kind, size, name in (line.split("|", 2) for line in out.splitlines())]
+        if not os.path.isdir(top):
+            raise CaseError(f"{path}: no such directory")
+        levels = os.walk(top) if recursive else [next(os.walk(top))]
+        return [(os.path.relpath(os.path.join(parent, name), top),
+                 os.lstat(os.path.join(parent, name)).st_size, name in dirs)
+                for parent, dirs, files in levels for name in dirs + files]
+
+    def files(self, pattern):
+        """(path, bytes) of each file matching a pattern; from the machine
+        at about 150 kB/s, so small files only."""
+        if not self.guest:
+            return [(path, open(path, "rb").read()) for path in glob.glob(pattern)]
+        paths = self.guest.must(f'for f in {pattern}; do [ -f "$f" ] && echo "$f"; done; true').split()
+        return [(path, self.guest.run(f"cat {path}")[1]) for path in paths]
 
     # Helpers.
     def emulated(self, argv, preload=(), env=None):
@@ -449,6 +574,10 @@ class Case:
         return emulator + argv
 
     def placeholders(self):
+        if self.guest:
+            pairs = [("{IMAGE}", self.guest.image), ("{DEV}", self.device),
+                     ("{V}", self.volume), ("{SCRATCH}", Guest.ROOT)]
+            return [(name, value) for name, value in pairs if value]
         pairs = [("{IMAGE}", self.image.path if self.image else None),
                  ("{DEV}", self.device), ("{V}", self.volume), ("{SCRATCH}", self.scratch),
                  ("{TOOL}", self.args.tool), ("{SRC}", os.path.dirname(HERE))]
@@ -485,13 +614,21 @@ class Case:
             step = getattr(self, "step_" + words[0].replace("-", "_"), None)
             if step is None:
                 raise CaseError(f"case.txt:{number}: unknown step {words[0]!r}")
+            if words[0] not in IN_THE_MACHINE if self.guest else words[0] == "sh":
+                raise CaseError(f"case.txt:{number}: {words[0]} cannot run "
+                                f"{'in' if self.guest else 'outside'} the machine")
             if self.snapshot is None and words[0] in STEPS_THAT_LOOK and self.image:
                 self.snapshot = self.image.read()
-            step(*words[1:])
+            step(*([line.split(None, 1)[1]] if words[0] == "sh" else words[1:]))
+            if self.guest:
+                for message in self.guest.kernel_lines():
+                    self.record("kernel: " + message)
 
 
 STEPS_THAT_LOOK = {"run", "changes", "fsck", "loop", "mount", "volume"}
 MOUNTING_STEPS = {"loop", "mount", "volume"}
+IN_THE_MACHINE = {"machine", "image", "mkfs", "volume", "loop", "mount", "unmount", "rand",
+                  "timeout", "run", "sh", "fsck", "ls", "count", "md5", "period"}
 
 
 # --- Comparing -----------------------------------------------------------------
@@ -541,15 +678,22 @@ def main():
     parser.add_argument("--probe", help="the built assertion probe")
     parser.add_argument("--emulator", default="", help="'|'-separated command that runs target programs")
     parser.add_argument("--scratch", required=True, help="a directory of the case's own")
+    parser.add_argument("--machine", help="the directory of the running arm64 machine")
+    parser.add_argument("--kernel-cache", help="what test/kernel/fetch.sh fetched",
+                        default=os.path.join(os.path.dirname(HERE), "build", "kernel-cache"))
     parser.add_argument("--update", action="store_true", help="write the transcript to expect.out")
     args = parser.parse_args()
 
     steps = read_steps(os.path.join(args.case, "case.txt"))
-    if any(line.split()[0] in MOUNTING_STEPS for _, line in steps):
-        reason = mounts_unavailable()
-        if reason:
-            print(f"needs mounts: {reason}")
-            return 1 if os.environ.get("CI") == "true" else SKIP
+    if any(line.split()[:2] in (["machine"], ["volume", "kernel"]) for _, line in steps):
+        missing = unavailable(args.kernel_cache) if args.machine else "no --machine given"
+        reason = missing and f"needs the arm64 machine: {missing}"
+    else:
+        missing = any(line.split()[0] in MOUNTING_STEPS for _, line in steps) and mounts_unavailable()
+        reason = missing and f"needs mounts: {missing}"
+    if reason:
+        print(reason)
+        return 1 if os.environ.get("CI") == "true" else SKIP
 
     shutil.rmtree(args.scratch, ignore_errors=True)
     os.makedirs(args.scratch)
@@ -557,7 +701,7 @@ def main():
     case = Case(args, os.path.abspath(args.case))
     try:
         case.run(steps)
-    except CaseError as e:
+    except (CaseError, ConnectionError, subprocess.TimeoutExpired) as e:  # no machine, or a stuck one
         print(f"{args.case}: {e}")
         return 1
     finally:
