@@ -9,9 +9,8 @@ A case is a directory with two files:
               and {V} stand for the scratch image, loop device and volume,
               and {N}, {HEX}, {NAME}, {*} match what varies from run to run
 
-A case that begins with `machine` (or makes a `volume kernel`) runs its
-steps in the emulated arm64 machine of test/kernel/machine.py, on Linux's
-own exFAT driver; the machine must be running (machine.py start).
+A case that begins with `machine` (or makes a `volume kernel`) runs in
+the running arm64 machine of test/kernel/machine.py, on Linux's driver.
 
 Exit status: 0 when the transcript matches, 1 when it does not (a unified
 diff is printed), 77 when the case needs mounts this machine cannot make,
@@ -227,8 +226,7 @@ KERNEL_LINES = re.compile(r"^(?!.*detected capacity change).*(exFAT|\bloop\d|I/O
 
 
 class Guest:
-    """A case's side of the machine: its scratch directory in the guest's
-    tmpfs, with the image and the mount point, and the kernel's log."""
+    """A case's scratch directory in the machine, and the kernel's log."""
 
     ROOT = "/tmp/case"
 
@@ -237,8 +235,7 @@ class Guest:
         self.image, self.volume = f"{self.ROOT}/image.img", f"{self.ROOT}/mnt"
 
     def run(self, command, timeout=300):
-        """(status, stdout, stderr) of a shell command line; a status of
-        128 + N, the shell's for a signal, is shown as the host shows it."""
+        """(status, stdout, stderr); the shell's 128 + N for a signal as -N."""
         status, out, err = self.machine.run(command, timeout)
         return (128 - status if 128 < status < 128 + 32 else status), out, err
 
@@ -352,9 +349,8 @@ class Case:
 
     # Mounts.
     def step_machine(self):
-        """What follows runs in the arm64 machine: {IMAGE}, {DEV} and {V}
-        are its own, and the kernel log lines logged during a step follow
-        the step's output as "kernel: ..." lines."""
+        """What follows runs in the arm64 machine, each step's output
+        followed by the kernel's log lines as "kernel: ..."."""
         self.guest = Guest(self.args.machine)
         self.guest.reset()
         self.volume = self.guest.volume
@@ -368,8 +364,7 @@ class Case:
         self.device = self.mounts.loop(self.image.path)
 
     def step_mount(self, *options):
-        """Attaches the image to a loop device and mounts it: with
-        exfat-fuse, or in the machine with the kernel's driver."""
+        """Mounts the image on a loop device: exfat-fuse, or the kernel's."""
         self.step_loop()
         if self.guest:
             self.guest.must(f"mount -t exfat {'-o ' + options[0] if options else ''} "
@@ -557,8 +552,7 @@ class Case:
                 for parent, dirs, files in levels for name in dirs + files]
 
     def files(self, pattern):
-        """(path, bytes) of each file matching a pattern; from the machine
-        at about 150 kB/s, so small files only."""
+        """(path, bytes) of each matching file (from the machine: small ones)."""
         if not self.guest:
             return [(path, open(path, "rb").read()) for path in glob.glob(pattern)]
         paths = self.guest.must(f'for f in {pattern}; do [ -f "$f" ] && echo "$f"; done; true').split()

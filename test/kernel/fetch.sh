@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
 # Fetches what the arm64 test machine (machine.py) boots from into
 # <cache-dir>: Debian's current arm64 kernel (the one linux-image-arm64
-# depends on), busybox-static and exfatprogs for arm64, and the library
-# packages exfatprogs needs that the host's arm64 tree lacks. The packages
+# depends on), busybox-static and exfatprogs for arm64. The packages
 # are downloaded with apt-get download and unpacked under <cache-dir>/root,
 # never installed. Whatever is already in the cache is skipped.
 #
@@ -30,18 +29,9 @@ fi
 [[ -n "$package" ]] || { echo "fetch: no linux-image-arm64:arm64 in apt's lists" >&2; exit 1; }
 release=${package#linux-image-}
 
-# exfatprogs' dependency closure, less what the host already has for arm64:
-# on a host set up by install-deps.sh --aarch64 that is nothing, as libc6
-# is there.
+# exfatprogs needs only libc6, which install-deps.sh --aarch64 puts in the
+# host's arm64 tree; machine.py takes the libraries from there.
 wanted=("$package" busybox-static exfatprogs)
-for dep in $(apt-cache depends --recurse --no-recommends --no-suggests \
-               --no-conflicts --no-breaks --no-replaces --no-enhances \
-               exfatprogs:arm64 |
-             sed -n 's/^ *\(Pre\)\{0,1\}Depends: \([^<][^:]*\):arm64$/\2/p' | sort -u); do
-  dpkg-query -W -f='${Status}\n' "$dep:arm64" 2>/dev/null | grep -qx 'install ok installed' ||
-    wanted+=("$dep")
-done
-
 for name in "${wanted[@]}"; do
   if ! compgen -G "$cache/debs/${name}_*_arm64.deb" >/dev/null; then
     echo "fetch: downloading $name:arm64"

@@ -1,52 +1,22 @@
 #!/usr/bin/env python3
-"""An emulated 64-bit Arm machine running Debian's arm64 kernel, so that the
-tool can be tried on Linux's own exFAT driver. Shell commands run in it from
-the host.
+"""An emulated 64-bit Arm machine booting Debian's arm64 kernel, so that the
+tool can be tried on Linux's own exFAT driver (see the README's "Kernel
+cases"). Shell command lines run in it from the host.
 
     python3 test/kernel/machine.py start <cache> <tool> <scratch> [<guest path>=<host path> ...]
-    python3 test/kernel/machine.py run <scratch> -- <command>
     python3 test/kernel/machine.py stop <scratch>
 
-(start exits with 77 when qemu or the fetched kernel is missing, 1 instead
-under CI=true; run joins the words of <command> with spaces into one shell
-command line, prints its stdout and stderr as they were and exits with its
-status, or with 125 when there is no machine or it has gone.)
-From Python:
+(start exits with 77 when qemu or the fetched kernel is missing, 1 under
+CI=true.)
 
-    Machine(cache, tool, scratch)                        # boots (stop(scratch) powers off)
-    machine = Machine.attach(scratch)                    # one left by start
-    status, out, err = machine.run("mkfs.exfat /tmp/v.img", timeout=60)
-    print(machine.kernel_log())
-
-<cache> is what fetch.sh fetched; <tool> the aarch64 build of
-qvexfat-test. The machine boots from an initramfs made here (busybox, the
-kernel modules for exFAT on a loop device, mkfs.exfat and fsck.exfat, the
-tool, the extra programs or libraries given, such as the tests' fixed_rand
-in /usr/lib, and the libraries of all of them). Its tmpfs /tmp holds 1 GiB;
-/mnt is there to mount on. Commands run as root with `sh`, from /, one at a
-time. The tool is copied in at boot: restart the machine to try a new build.
-
-How the host reaches it: the guest's serial port (ttyAMA0) is the command
-channel, and qemu serves it as the unix socket <scratch>/channel.sock. qemu
-takes one client at a time and the next one once that one has gone, so one
-machine serves any number of host processes in turn; what the guest writes
-while no one is connected is dropped. A request is one line:
-
-    <id> <timeout seconds, 0 for none> <command in base64> <id>
-
-and the answer is
-
-    @@qvx <id> <status> <stdout length> <stderr length>\\n<stdout><stderr>@@qvx <id> end\\n
-
-with a new random id each time, so that a client skips whatever a client
-before it left unread, and the guest ignores a request line that a client
-gone mid-write left unfinished (its ids differ). Answers come back at
-about 150 kB/s, but the guest's shell reads a request a byte at a time, at
-a few kB/s: keep commands short and bulky data in the guest's files.
-
-The kernel's console is a virtio console that qemu writes to
-<scratch>/console.log; what the kernel printed before that console came up
-(with the modules, from /init) is in <scratch>/serial.log.
+The guest's serial port is the command channel, served by qemu as the unix
+socket <scratch>/channel.sock to one client at a time. A request is the
+line "<id> <timeout, 0 for none> <command in base64> <id>"; the answer is
+"@@qvx <id> <status> <stdout length> <stderr length>\n<stdout><stderr>@@qvx
+<id> end\n". A new random id each time lets a client skip what an earlier
+one left unread, and the guest ignore a line a client left unfinished.
+The guest reads requests a byte at a time: keep commands short. The
+kernel's console goes to <scratch>/console.log (serial.log before it).
 """
 
 import base64
@@ -95,8 +65,7 @@ while read -r id limit command check; do
   fi
   wait "$pid"
   status=$?
-  # Killing the watchdog's shell by its pid cannot miss, as killing a
-  # group it had yet to make could; its sleep, orphaned, ends on its own.
+  # By its pid: a group it had yet to make could be missed.
   if [ -n "$watchdog" ]; then kill -KILL "$watchdog"; wait "$watchdog"; fi
   [ -e /run/timedout ] && status=timeout
   echo "@@qvx $id $status $(stat -c %s /run/stdout) $(stat -c %s /run/stderr)"
@@ -109,7 +78,6 @@ done
 # --- The initramfs -----------------------------------------------------------
 
 def cpio(entries):
-    """A cpio archive (newc) of (name, mode, data, device number) tuples."""
     out = bytearray()
     for inode, (name, mode, data, rdev) in enumerate(
             entries + [("TRAILER!!!", 0, b"", 0)], 1):
@@ -130,10 +98,8 @@ def needed_libraries(path):
 
 
 def libraries(binaries, roots):
-    """The dynamic loader and every shared library that the binaries load,
-    directly or through another library, as {name: host path}, found in the
-    arm64 trees of the roots (the cache's unpacked packages, then the
-    host's multiarch tree)."""
+    """{name: host path} of the loader and every library the binaries
+    load, from the arm64 trees of the roots in turn."""
     found, wanted = {}, [LOADER] + [lib for b in binaries for lib in needed_libraries(b)]
     while wanted:
         name = wanted.pop()
@@ -211,8 +177,7 @@ def build_initramfs(cache, tool, path, extra=None):
 # --- The machine -------------------------------------------------------------
 
 class Channel:
-    """One connection to the guest's command channel, reading against a
-    deadline (None for none)."""
+    """One connection to the command channel, reading against a deadline."""
 
     def __init__(self, scratch, deadline=None):
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
@@ -227,8 +192,8 @@ class Channel:
         self.socket.close()
 
     def send(self, command, limit=0):
-        """Sends a request; returns its id. The newline first ends whatever
-        line a client gone mid-write left behind."""
+        """Sends a request; returns its id. The leading newline ends a line
+        a client gone mid-write left."""
         rid = secrets.token_hex(8)
         encoded = base64.b64encode(command.encode()).decode()
         self.socket.sendall(f"\n{rid} {limit} {encoded} {rid}\n".encode())
@@ -245,7 +210,6 @@ class Channel:
         self.data += chunk
 
     def read_until(self, marker):
-        """What comes before the marker; the marker is consumed too."""
         start = 0
         while (at := self.data.find(marker, start)) < 0:
             start = max(0, len(self.data) - len(marker) + 1)
@@ -360,15 +324,13 @@ class Machine:
         return int(status), out, err
 
     def kernel_log(self):
-        """The kernel log's lines since the previous call (by any process),
-        or since the machine came up."""
+        """The kernel log's lines since the previous call by any process."""
         status, out, err = self.run("dmesg -c", timeout=60)
         return out.decode(errors="replace").splitlines()
 
 
 def stop(scratch, grace=10):
-    """Powers off the machine running in scratch and makes sure its qemu is
-    gone."""
+    """Powers off the machine in scratch; its qemu is gone afterwards."""
     pid = our_qemu(scratch)
     if pid is None:
         return
@@ -422,15 +384,6 @@ def main(argv):
             print(f"machine: booted in {time.monotonic() - began:.1f} s; "
                   f"channel {Path(scratch).resolve() / 'channel.sock'}")
             return 0
-        case ["run", scratch, "--", *command]:
-            try:
-                status, out, err = Machine.attach(scratch).run(" ".join(command))
-            except ConnectionError as error:
-                print(f"machine: {error}", file=sys.stderr)
-                return 125
-            sys.stdout.buffer.write(out)
-            sys.stderr.buffer.write(err)
-            return status
         case ["stop", scratch]:
             stop(scratch)
             return 0
