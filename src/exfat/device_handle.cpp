@@ -51,18 +51,17 @@ bool DeviceHandle::ReadThroughWindow(uint64_t sector, uint64_t ahead, std::span<
   for (Window& w : m_windows)
     if (w.bytes && sector >= w.first && sector - w.first < w.sectors) found = &w;
   if (found == nullptr) {
-    const uint64_t first = sector;
     const uint64_t sectors = 1 + std::min(ahead, kWindowSectors - 1);
-    const int64_t offset = ByteOffset(first);
-    if (offset < 0 || first + sectors < first || ByteOffset(first + sectors) < 0) return false;
+    const int64_t offset = ByteOffset(sector);
+    if (offset < 0 || sector + sectors < sector || ByteOffset(sector + sectors) < 0) return false;
     Window* oldest = &m_windows[0];
     for (Window& w : m_windows)
       if (w.last_used < oldest->last_used) oldest = &w;
     if (!oldest->bytes) oldest->bytes = std::make_unique_for_overwrite<uint8_t[]>(kWindowSectors * m_sector_size);
     const ssize_t done = pread64(m_fd.Get(), oldest->bytes.get(), sectors * m_sector_size, offset);
-    oldest->first = first;
+    oldest->first = sector;
     oldest->sectors = done > 0 ? static_cast<uint64_t>(done) / m_sector_size : 0;
-    if (sector - first >= oldest->sectors) return false;
+    if (oldest->sectors == 0) return false;
     found = oldest;
   }
   found->last_used = m_reads;
@@ -93,8 +92,12 @@ bool DeviceHandle::WriteSectors(uint64_t count, uint64_t start_sector, std::span
       const uint64_t from = std::max(w.first, start_sector);
       const uint64_t to = std::min(w.first + w.sectors, start_sector + count);
       if (from >= to) continue;
-      if (!written) w.sectors = 0;
-      else std::memcpy(w.bytes.get() + (from - w.first) * m_sector_size, buffer.data() + (from - start_sector) * m_sector_size, (to - from) * m_sector_size);
+      if (!written) {
+        w.sectors = 0;
+        continue;
+      }
+      std::memcpy(w.bytes.get() + (from - w.first) * m_sector_size,
+                  buffer.data() + (from - start_sector) * m_sector_size, (to - from) * m_sector_size);
     }
     if (written) {
       ++m_writes;

@@ -57,8 +57,7 @@ class DeviceHandle {
   // (a directory's cluster, a stretch of the FAT, the bitmap). A few
   // windows are kept, so that a walk through the FAT does not push out the
   // directory it serves. Only sectors read whole are kept; any other is
-  // read on its own, as it always was. A write drops the windows it
-  // touches.
+  // read on its own, as it always was. Writes keep the windows up to date.
   static constexpr uint64_t kWindowSectors = 128;
   static constexpr size_t kWindows = 4;
   struct Window {

@@ -155,8 +155,9 @@ class TreeWalk {
     if (!level.sector_loaded) {
       // A sector that cannot be read leaves the buffer as it was, and the
       // walk goes through that again.
-      level.sector_read = scan.device->ReadSectors(1, m_boot.ClusterToSector(scan.cluster) + scan.sector_in_cluster,
-                                                   level.sector, m_boot.SectorsPerCluster() - 1 - scan.sector_in_cluster);
+      const uint64_t rest_of_cluster = m_boot.SectorsPerCluster() - 1 - scan.sector_in_cluster;
+      level.sector_read = scan.device->ReadSectors(
+          1, m_boot.ClusterToSector(scan.cluster) + scan.sector_in_cluster, level.sector, rest_of_cluster);
       level.sector_loaded = true;
       // Only a sector that was not read can be passed over with the rest
       // of its cluster, and only if going through it changed nothing.
@@ -240,7 +241,8 @@ class TreeWalk {
   bool EnterCluster(Level& level) {
     if (level.repeating) return true;
     const DirectoryScan& scan = *level.scan;
-    WalkPoint point{scan.cluster, StateOf(m_fat, scan), std::string(reinterpret_cast<const char*>(level.sector.data()), level.sector.size())};
+    WalkPoint point{scan.cluster, StateOf(m_fat, scan),
+                    std::string(reinterpret_cast<const char*>(level.sector.data()), level.sector.size())};
     const auto [seen, first_time] = level.points.try_emplace(std::move(point), level.entries);
     if (first_time) return true;
     const uint64_t length = scan.parent->valid_data_length;

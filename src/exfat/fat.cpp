@@ -115,8 +115,8 @@ void Fat::Prefetch(uint64_t cluster, bool no_fat_chain, uint64_t bytes) {
       continue;
     }
     const uint64_t index = cluster % m_fat_entries_per_sector;
-    if (index >= kSectorBytes / kFatEntryBytes || !m_device.ReadSectors(1, FatSectorOf(cluster), sector, kFatSectorsAhead))
-      return;
+    if (index >= kSectorBytes / kFatEntryBytes) return;
+    if (!m_device.ReadSectors(1, FatSectorOf(cluster), sector, kFatSectorsAhead)) return;
     cluster = ReadLe32(&sector[index * kFatEntryBytes]);
   }
 }

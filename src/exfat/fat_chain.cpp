@@ -20,8 +20,9 @@ bool Fat::CheckChain(uint64_t first_cluster, bool no_fat_chain, uint64_t data_le
   // Two powers of two: a power of two, or 0 once it overflows. Shifted
   // rather than divided, as every file of a scan comes through here.
   const uint32_t cluster_bytes = m_boot_sector.SectorsPerCluster() * m_boot_sector.BytesPerSector();
-  const uint64_t expected =
-      cluster_bytes == 0 ? 0 : (data_length >> std::countr_zero(cluster_bytes)) + ((data_length & (cluster_bytes - 1)) != 0 ? 1 : 0);
+  const uint64_t expected = cluster_bytes == 0 ? 0
+                            : (data_length >> std::countr_zero(cluster_bytes)) +
+                                  ((data_length & (cluster_bytes - 1)) != 0 ? 1 : 0);
 
   ChainFault fault = ChainFault::kNone;
   if (first_cluster == 1) {
@@ -30,7 +31,8 @@ bool Fat::CheckChain(uint64_t first_cluster, bool no_fat_chain, uint64_t data_le
   }
   if (no_fat_chain && fault == ChainFault::kNone) {
     if (CheckRun(first_cluster, expected)) return true;
-    fault = ChainFault::kOutOfRange;
+    FreeChain(first_cluster, no_fat_chain, expected);
+    return false;
   }
   // Every pass marks a cluster not marked before (or fails), so the walk
   // ends within the range's size even on a looping chain.

@@ -2,7 +2,6 @@
 // model reads and writes through it: the allocation bitmap (the up-case
 // table is the third user, in upcase_table.cpp).
 #include <algorithm>
-#include <cstring>
 #include <unordered_map>
 
 #include "exfat/boot_sector.h"
@@ -101,7 +100,8 @@ bool Fat::LoadAllocationBitmap(uint64_t first_cluster, uint64_t length) {
         m_device.ReadSectors(1, chunk.sector, sector, chunk.rest);
         // Past the device sector the chunk is zeros, as the bitmap already is.
         const uint64_t bytes = std::min({chunk.bytes, kept - chunk.offset, uint64_t{kSectorBytes}});
-        for (; filling < chunk.offset / ClusterBitmap::kPageBytes; ++filling) m_allocation_bitmap.Share(filling, sharing);
+        for (; filling < chunk.offset / ClusterBitmap::kPageBytes; ++filling)
+          m_allocation_bitmap.Share(filling, sharing);
         m_allocation_bitmap.Write(chunk.offset, std::span(sector).first(bytes));
         return Next::kGoOn;
       },
@@ -147,7 +147,8 @@ bool Fat::UpdateAllocationBitmap() {
         // Zero sectors past the end of an image, all the cluster's others
         // after them zeros too, would only grow it with zeros: its last one
         // grows it as far.
-        const uint64_t ahead = chunk.rest + 1 > UINT64_MAX / bytes_per_sector ? UINT64_MAX : (chunk.rest + 1) * bytes_per_sector;
+        const uint64_t ahead =
+            chunk.rest + 1 > UINT64_MAX / bytes_per_sector ? UINT64_MAX : (chunk.rest + 1) * bytes_per_sector;
         const bool zeros_past_end = !read && chunk.bytes >= kSectorBytes &&
                                     chunk.sector >= static_cast<uint64_t>(m_device.SectorCount()) &&
                                     chunk.sector + chunk.rest >= chunk.sector &&
