@@ -155,17 +155,18 @@ std::unique_ptr<EntrySet> ProcessEntry(DirectoryScan& scan, DirectoryEntry e) {
 }
 
 bool ValidateEntrySet(const EntrySet& set, Fat& fat) {
-  const char* reason = nullptr;
+  // The name is decoded only for the line that is printed.
+  const char* line = nullptr;
   if (!fat.IsClusterAllocated(set.first_cluster))
-    reason = "invalid first cluster";
+    line = "Deleting %ls due to invalid first cluster\n";
   else if (set.stored_name_hash != set.computed_name_hash)
-    reason = "incorrect filename hash";
+    line = "Deleting %ls due to incorrect filename hash\n";
   else if (set.stored_checksum != set.computed_checksum)
-    reason = "incorrect directory entry checksum";
+    line = "Deleting %ls due to incorrect directory entry checksum\n";
   else if (!fat.CheckChain(set.first_cluster, set.no_fat_chain, set.data_length))
-    reason = "file size not matching cluster allocation";
-  if (reason == nullptr) return true;
-  LogMessage("Deleting %ls due to %s\n", DisplayName(set.raw_name).c_str(), reason);
+    line = "Deleting %ls due to file size not matching cluster allocation\n";
+  if (line == nullptr) return true;
+  LogMessage(line, DisplayName(set.raw_name).c_str());
   return false;
 }
 
