@@ -62,6 +62,7 @@ void RunDeviceMode(const std::string& path, const std::string& description) {
   if (!device.ReadSectors(kBootRegionSectors, 0, boot_region)) throw std::runtime_error("Failed to read main boot");
   boot_sector = ParseBootSector(std::span<const uint8_t, BootSector::kSize>(boot_region.data(), BootSector::kSize));
   if (!boot_sector) throw std::runtime_error("Failed to parse boot sector");
+  boot_sector->PrintGeometry();
 
   fat = CreateFat(device, *boot_sector);
   if (!fat) throw std::runtime_error("Failed to create FAT");

@@ -49,7 +49,9 @@ BootSector::BootSector(std::span<const uint8_t, kSize> raw)
       m_number_of_fats(raw[kNumberOfFats]),
       m_active_fat((raw[kVolumeFlags] & kVolumeFlagActiveFat) != 0),
       m_volume_dirty((raw[kVolumeFlags] & kVolumeFlagVolumeDirty) != 0),
-      m_media_failure((raw[kVolumeFlags] & kVolumeFlagMediaFailure) != 0) {
+      m_media_failure((raw[kVolumeFlags] & kVolumeFlagMediaFailure) != 0) {}
+
+void BootSector::PrintGeometry() const {
   LogMessage("BootSector info (in hex):\n");
   LogMessage("\tClusterHeapOffset    %#08lx\n", static_cast<unsigned long>(m_cluster_heap_offset));
   LogMessage("\tClusterCount         %#08lx\n", static_cast<unsigned long>(m_cluster_count));

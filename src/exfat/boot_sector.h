@@ -11,10 +11,13 @@ class BootSector {
  public:
   static constexpr size_t kSize = 512;
 
-  // Fills the fields from the 512 raw bytes and prints the geometry. Only
-  // ParseBootSector constructs one, after validation.
+  // Fills the fields from the 512 raw bytes. Only ParseBootSector
+  // constructs one, after validation.
   explicit BootSector(std::span<const uint8_t, kSize> raw);
   virtual ~BootSector() = default;
+
+  // "BootSector info (in hex):" and the geometry, a field a line.
+  void PrintGeometry() const;
 
   // First sector of `cluster` (unsigned arithmetic: clusters below 2 wrap,
   // so callers check the cluster first).

@@ -106,8 +106,9 @@ struct Level {
 
 class TreeWalk {
  public:
-  explicit TreeWalk(DirectoryScan& start)
-      : m_boot(*start.boot_sector),
+  TreeWalk(DirectoryScan& start, const EntrySetVisitor& visit)
+      : m_visit(visit),
+        m_boot(*start.boot_sector),
         m_fat(*start.fat),
         m_entries_per_sector(m_boot.BytesPerSector() / kDirectoryEntrySize),
         m_entries_in_buffer(std::min<uint64_t>(m_entries_per_sector, Fat::kSectorBytes / kDirectoryEntrySize)) {
@@ -167,9 +168,13 @@ class TreeWalk {
     const DirectoryEntry entry(level.sector.data() + scan.entry_index * kDirectoryEntrySize, kDirectoryEntrySize);
     if (entry[0] == kEndOfDirectory) return false;
     if (std::unique_ptr<EntrySet> set = ProcessEntry(scan, entry)) {
-      if (!ValidateEntrySet(*set, m_fat)) {
+      const bool valid = ValidateEntrySet(*set, m_fat);
+      if (!valid) {
         DeleteEntrySet(*set, scan, scan.parent->no_fat_chain, scan.parent->valid_data_length);
-      } else if ((set->file_attributes & kDirectoryAttribute) != 0) {
+      } else if (m_visit) {
+        Visit(*set);
+      }
+      if (valid && (set->file_attributes & kDirectoryAttribute) != 0) {
         // The root's level does not count: subdirectories down to depth
         // kMaxDirectoryDepth are walked.
         if (m_levels.size() <= kMaxDirectoryDepth) {
@@ -184,6 +189,13 @@ class TreeWalk {
       scan.spare = std::move(set);
     }
     return FinishEntry(level);
+  }
+
+  void Visit(const EntrySet& set) const {
+    std::vector<const EntrySet*> directories;
+    for (const Level& level : m_levels)
+      if (level.directory) directories.push_back(level.directory.get());
+    m_visit(directories, set);
   }
 
   // Moves past the current entry; the directory ends when its valid length
@@ -252,6 +264,7 @@ class TreeWalk {
     return true;
   }
 
+  const EntrySetVisitor& m_visit;
   const BootSector& m_boot;
   Fat& m_fat;
   const uint64_t m_entries_per_sector;
@@ -269,18 +282,15 @@ std::unique_ptr<EntrySet> MakeRootEntrySet(const BootSector& boot_sector) {
   return root;
 }
 
-void ScanRoot(DeviceHandle& device, BootSector& boot_sector, Fat& fat, EntrySet& root_set) {
+void ScanRoot(DeviceHandle& device, BootSector& boot_sector, Fat& fat, EntrySet& root_set,
+              const EntrySetVisitor& visit) {
   DirectoryScan scan;
   scan.device = &device;
   scan.boot_sector = &boot_sector;
   scan.fat = &fat;
   scan.parent = &root_set;
   scan.cluster = root_set.first_cluster;
-  ScanDirectory(scan);
-}
-
-void ScanDirectory(DirectoryScan& scan) {
   if (scan.cluster == 0) return;
   const Utf8Messages utf8;
-  TreeWalk(scan).Run();
+  TreeWalk(scan, visit).Run();
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 
@@ -36,13 +37,16 @@ struct DirectoryScan {
 // entry or at the end of its chain.
 std::unique_ptr<EntrySet> MakeRootEntrySet(const BootSector& boot_sector);
 
+// Told of each entry set the walk finds valid, with the sets of the
+// directories it lies in, outermost first (none for the root's own).
+using EntrySetVisitor =
+    std::function<void(std::span<const EntrySet* const> directories, const EntrySet& set)>;
+
 // Walks the whole tree from `root_set`: loads the allocation bitmap and the
 // up-case table when their entries are met, checks every entry set, deletes
 // bad ones on disk and descends into valid subdirectories.
-void ScanRoot(DeviceHandle& device, BootSector& boot_sector, Fat& fat, EntrySet& root_set);
-
-// Walks `scan`'s directory and every valid subdirectory below it.
-void ScanDirectory(DirectoryScan& scan);
+void ScanRoot(DeviceHandle& device, BootSector& boot_sector, Fat& fat, EntrySet& root_set,
+              const EntrySetVisitor& visit = {});
 
 // Decodes one in-use entry into the scan's state. Returns the set it
 // completes, if any. Throws "UpCase table checksum failed" or "Allocation

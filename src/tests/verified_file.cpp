@@ -7,13 +7,14 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
+#include <cstdlib>
 #include <exception>
 #include <stdexcept>
 
 #include "platform/errno_exception.h"
 #include "platform/posix_helpers.h"
 #include "platform/unique_fd.h"
+#include "tests/data_block.h"
 
 namespace {
 
@@ -24,18 +25,7 @@ constexpr mode_t kFileMode = 0777;
 VerifiedFile::VerifiedFile(const std::string& path, uint64_t initial_size, uint64_t chunk_length,
                            bool remove_when_done)
     : m_path(path), m_chunk_length(chunk_length), m_remove_when_done(remove_when_done) {
-  m_seed = static_cast<uint32_t>(random());
-  // random_data must start zeroed: initstate_r writes through a previous state.
-  initstate_r(m_seed, m_generator_state, sizeof m_generator_state, &m_generator);
-  srandom_r(m_seed, &m_generator);
-
-  m_data.resize((chunk_length + 3) & ~uint64_t{3});
-  for (size_t offset = 0; offset < m_data.size(); offset += sizeof(int32_t)) {
-    int32_t word = 0;
-    random_r(&m_generator, &word);
-    memcpy(&m_data[offset], &word, sizeof word);  // the machine's byte order
-  }
-
+  m_data = MakeDataBlock(static_cast<uint32_t>(random()), chunk_length);
   UniqueFd fd(open64(m_path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kFileMode));
   if (!fd.IsOpen()) throw ErrnoException(errno, m_path);
   WritePieces(fd.Get(), initial_size);

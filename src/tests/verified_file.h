@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -16,9 +15,6 @@
 // when no exception is in flight: a failed test leaves its files on the
 // volume, unverified, for inspection. A verification failure at the end of a
 // scope is how most tests detect corruption, so the destructor may throw.
-//
-// Objects are never copied or moved: the generator state points into the
-// object itself.
 class VerifiedFile {
  public:
   // Creates (or opens without truncating) `path` and writes `initial_size`
@@ -57,8 +53,5 @@ class VerifiedFile {
   std::string m_path;
   int64_t m_size = 0;
   uint64_t m_chunk_length;
-  uint32_t m_seed = 0;
   bool m_remove_when_done;
-  random_data m_generator{};
-  char m_generator_state[64]{};
 };
