@@ -1,0 +1,113 @@
+#include "campaign/options.h"
+
+#include <getopt.h>
+
+#include <algorithm>
+
+#include "campaign/scratch_store.h"
+
+namespace {
+
+std::vector<std::string> SplitCommas(const std::string& text) {
+  std::vector<std::string> names;
+  size_t start = 0;
+  for (size_t comma; (comma = text.find(',', start)) != std::string::npos; start = comma + 1)
+    names.push_back(text.substr(start, comma - start));
+  names.push_back(text.substr(start));
+  return names;
+}
+
+}  // namespace
+
+std::string Usage() {
+  std::string usage =
+      "Usage: qvexfat-campaign [--driver kernel|fuse] [--only NAMES] [--markdown FILE]\n"
+      "                        [--tool PATH] [--fsck PATH] [--keep]\n"
+      "                        (--image FILE [--size SIZE] | --device DEV --yes)\n"
+      "\n"
+      "Damages, checks, mounts, reads, writes and repairs exFAT volumes, one fresh\n"
+      "volume a row, and reports in KTAP on standard output. Runs as root.\n"
+      "\n"
+      "  --image FILE   make FILE (sparse, SIZE bytes: K, M or G) for the volumes;\n"
+      "                 removed at the end unless --keep\n"
+      "  --device DEV   a scratch block device whose data is destroyed (needs --yes)\n"
+      "  --driver       kernel (mount -t exfat, the default) or fuse (exfat-fuse)\n"
+      "  --only NAMES   comma-separated rows; \"damage\" and \"volume\" name the groups\n"
+      "  --markdown F   the results as Markdown tables in F\n"
+      "  --tool, --fsck the programs to try (qvexfat-test, fsck.exfat)\n"
+      "\n"
+      "Rows:\n";
+  for (const bool damage : {true, false}) {
+    std::string line = damage ? "  damage:" : "  volume:";
+    for (const Row& row : AllRows()) {
+      if (row.damage != damage) continue;
+      if (line.size() + row.name.size() > 76) {
+        usage += line + "\n";
+        line = "         ";
+      }
+      line += " " + row.name;
+    }
+    usage += line + "\n";
+  }
+  return usage + "\nExit status: 0 every row ok, 1 some row not ok, 2 the campaign could not run.\n";
+}
+
+CampaignOptions ParseOptions(int argc, char* argv[], std::string& error) {
+  static const option kOptions[] = {
+      {"driver", required_argument, nullptr, 'D'}, {"only", required_argument, nullptr, 'o'},
+      {"markdown", required_argument, nullptr, 'm'}, {"tool", required_argument, nullptr, 't'},
+      {"fsck", required_argument, nullptr, 'f'},     {"keep", no_argument, nullptr, 'k'},
+      {"image", required_argument, nullptr, 'i'},   {"size", required_argument, nullptr, 's'},
+      {"device", required_argument, nullptr, 'd'},  {"yes", no_argument, nullptr, 'y'},
+      {"help", no_argument, nullptr, 'h'},          {nullptr, 0, nullptr, 0},
+  };
+  CampaignOptions options;
+  opterr = 0;
+  for (int option; (option = getopt_long(argc, argv, "h", kOptions, nullptr)) != -1;) {
+    const std::string value = optarg ? optarg : "";
+    switch (option) {
+      case 'D':
+        if (value != "kernel" && value != "fuse") error = "--driver takes kernel or fuse, not " + value;
+        options.driver = value == "fuse" ? Driver::kFuse : Driver::kKernel;
+        break;
+      case 'o': options.only = SplitCommas(value); break;
+      case 'm': options.markdown = value; break;
+      case 't': options.tool = value; break;
+      case 'f': options.checker = value; break;
+      case 'k': options.keep = true; break;
+      case 'i': options.image = value; break;
+      case 's':
+        options.size = ParseSize(value);
+        if (options.size == 0) error = "--size takes a size such as 384M, not " + value;
+        break;
+      case 'd': options.device = value; break;
+      case 'y': options.yes = true; break;
+      case 'h': options.help = true; break;
+      default:
+        error = optopt ? std::string("unknown option or missing argument: -") + static_cast<char>(optopt)
+                       : "unknown option or missing argument: " + std::string(argv[optind - 1]);
+    }
+    if (!error.empty()) return options;
+  }
+  if (options.help) return options;
+  if (optind < argc) error = std::string("unexpected argument: ") + argv[optind];
+  else if (options.image.empty() == options.device.empty()) error = "give either --image FILE or --device DEV";
+  else if (!options.device.empty() && options.size != 0) error = "--size is for --image";
+  return options;
+}
+
+std::vector<const Row*> SelectRows(const std::vector<std::string>& only, std::string& error) {
+  for (const std::string& name : only) {
+    const bool known = name == "damage" || name == "volume" ||
+                       std::any_of(AllRows().begin(), AllRows().end(), [&](const Row& row) { return row.name == name; });
+    if (!known) error = "no row is called \"" + name + "\" (see --help)";
+  }
+  std::vector<const Row*> rows;
+  for (const Row& row : AllRows()) {
+    const auto named = [&](const std::string& name) {
+      return name == row.name || name == (row.damage ? "damage" : "volume");
+    };
+    if (only.empty() || std::any_of(only.begin(), only.end(), named)) rows.push_back(&row);
+  }
+  return rows;
+}

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "campaign/mounting.h"
+#include "campaign/rows.h"
+
+struct CampaignOptions {
+  Driver driver = Driver::kKernel;
+  std::vector<std::string> only;  // row names, "damage", "volume"; none: every row
+  std::string markdown;
+  std::string tool;     // empty: qvexfat-test beside the campaign, or on PATH
+  std::string checker = "fsck.exfat";
+  bool keep = false;
+  std::string image;
+  uint64_t size = 0;  // 0: what the largest row needs
+  std::string device;
+  bool yes = false;
+  bool help = false;
+};
+
+// The command line, or in `error` why it is not one.
+CampaignOptions ParseOptions(int argc, char* argv[], std::string& error);
+
+std::string Usage();
+
+// The rows that `only` names, in the campaign's order; in `error` a name
+// that is no row's.
+std::vector<const Row*> SelectRows(const std::vector<std::string>& only, std::string& error);
