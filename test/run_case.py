@@ -272,6 +272,7 @@ class Case:
         self.snapshot = None
         self.transcript = []
         self.guest = None
+        self.user = None
 
     # Setting up the image.
     def step_image(self, name):
@@ -404,6 +405,126 @@ class Case:
             return
         self.mounts.release()
         self.volume = self.device = None
+
+    # The damage campaign.
+    def step_copy(self, name):
+        """A helper of test/campaign/ into the scratch directory, {SCRATCH}/NAME."""
+        with open(os.path.join(HERE, "campaign", name), "rb") as f:
+            data = f.read()
+        if self.guest:
+            self.guest.must(f"echo {base64.b64encode(data).decode()} | base64 -d >{Guest.ROOT}/{name} "
+                            f"&& chmod +x {Guest.ROOT}/{name}")
+            return
+        shutil.copy(os.path.join(HERE, "campaign", name), self.scratch)
+
+    def campaign_command(self, argv):
+        """The campaign's command line and environment. Helpers given as
+        its --tool find the tool in $QVEXFAT_TOOL and the rand()
+        replacement in $QVEXFAT_RAND_LIB."""
+        argv = [self.substitute(a) for a in argv]
+        if self.guest:
+            return ("QVEXFAT_TOOL=qvexfat-test QVEXFAT_RAND_LIB=" + os.path.basename(self.args.rand_lib)
+                    + f" TMPDIR={Guest.ROOT} " + shlex.join(["qvexfat-campaign"] + argv)), None
+        env = dict(os.environ, QVEXFAT_TOOL=self.args.tool, QVEXFAT_RAND_LIB=self.args.rand_lib,
+                   TMPDIR=self.scratch)
+        env["ASAN_OPTIONS"] = env.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"
+        return [self.args.campaign] + argv, env
+
+    def step_campaign(self, *argv):
+        """qvexfat-campaign: its standard output (the KTAP), its standard
+        error as "stderr: ..." lines, its status."""
+        self.record("$ qvexfat-campaign " + " ".join(argv))
+        command, env = self.campaign_command(argv)
+        if self.guest:
+            status, out, err = self.guest.run(command, self.timeout)
+        else:
+            result = subprocess.run(command, capture_output=True, env=env, timeout=self.timeout,
+                                    user=self.user)
+            status, out, err = result.returncode, result.stdout, result.stderr
+        self.record_output(out)
+        self.record_output(b"".join(b"stderr: " + line + b"\n" for line in err.splitlines()))
+        self.record_status(status)
+
+    def step_interrupt(self, signal_name, line, *argv):
+        """The campaign, sent the signal once its standard error says
+        `line`: what it printed but its progress, and its status."""
+        self.record(f"$ qvexfat-campaign {' '.join(argv)} # {signal_name} at {line!r}")
+        command, env = self.campaign_command(argv)
+        child = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=env)
+        said = []
+        for text in child.stderr:
+            said.append(text)
+            if text.decode(errors="replace").rstrip("\n") == line:
+                child.send_signal(getattr(signal, signal_name))
+                break
+        out, err = child.communicate(timeout=self.timeout)
+        self.record_output(out)
+        self.record_output(b"".join(b"stderr: " + text + b"\n" for text in (b"".join(said) + err).splitlines()
+                                    if not text.startswith(b"[")))
+        self.record_status(child.returncode)
+
+    def step_leftovers(self):
+        """Mounts below the scratch directory and loop devices over its
+        files, which must be gone once the campaign has ended. A loop device
+        lets go of its file a moment after its last user."""
+        self.record("$ leftovers")
+        for _ in range(30):
+            mounts = [line.split()[1] for line in open("/proc/mounts")
+                      if line.split()[1].startswith(self.scratch + "/")]
+            loops = [line for line in must(["losetup", "-n", "-O", "NAME,BACK-FILE"]).splitlines()
+                     if self.scratch + "/" in line]
+            if not mounts and not loops:
+                break
+            time.sleep(0.1)
+        self.record("mounts: " + (" ".join(mounts) or "none"))
+        self.record("loop devices: " + (", ".join(" ".join(l.split()) for l in loops) or "none"))
+
+    def step_exists(self, path):
+        self.record(f"$ exists {path}")
+        self.record("yes" if os.path.exists(self.substitute(path)) else "no")
+
+    def step_markdown(self, path):
+        """A Markdown file the campaign wrote."""
+        self.record(f"$ cat {path}")
+        self.record_output(self.read_file(path))
+
+    def read_file(self, path):
+        if self.guest:
+            return self.guest.run(f"cat {shlex.quote(self.substitute(path))}")[1]
+        with open(self.substitute(path), "rb") as f:
+            return f.read()
+
+    def step_readme(self, path):
+        """Whether the README's damage table is the campaign's Markdown, as
+        written to `path`; with --update the README takes it."""
+        self.record(f"$ readme {path}")
+        readme_path = os.path.join(os.path.dirname(HERE), "README.md")
+        readme = open(readme_path).read()
+        begin, end = README_TABLE
+        if begin not in readme or end not in readme:
+            raise CaseError(f"README.md has no {begin} ... {end}")
+        head, rest = readme.split(begin, 1)
+        table, tail = rest.split(end, 1)
+        ran = self.read_file(path).decode()
+        if self.args.update:
+            open(readme_path, "w").write(head + begin + "\n" + ran + end + tail)
+        diff = list(difflib.unified_diff(table.strip("\n").splitlines(), ran.strip("\n").splitlines(),
+                                         "README.md", "this run", lineterm=""))
+        self.record("the same" if not diff or self.args.update else "differs:")
+        self.transcript.extend(diff if not self.args.update else [])
+
+    def step_hold(self):
+        """A process holds {DEV} open until the case ends."""
+        holder = subprocess.Popen(["sleep", "3600"], stdin=open(self.device, "rb"))
+        self.mounts.undo.append(["kill", str(holder.pid)])
+
+    def step_user(self, name):
+        """The campaigns that follow run as this user."""
+        self.user = name
+
+    def step_snapshot(self):
+        """The image as it is now is what `changes` compares with."""
+        self.snapshot = self.image.read()
 
     # What the case looks at.
     def step_run(self, *argv):
@@ -615,13 +736,19 @@ class Case:
                 self.snapshot = self.image.read()
             step(*([line.split(None, 1)[1]] if words[0] == "sh" else words[1:]))
             if self.guest:
-                for message in self.guest.kernel_lines():
-                    self.record("kernel: " + message)
+                messages = self.guest.kernel_lines()
+                if words[0] != "campaign":  # the campaign tells them itself
+                    for message in messages:
+                        self.record("kernel: " + message)
 
 
-STEPS_THAT_LOOK = {"run", "changes", "fsck", "loop", "mount", "volume"}
-MOUNTING_STEPS = {"loop", "mount", "volume"}
+STEPS_THAT_LOOK = {"run", "changes", "fsck", "loop", "mount", "volume", "campaign"}
+MOUNTING_STEPS = {"loop", "mount", "volume", "campaign", "interrupt"}
+# The lines that hold the README's table of the damage campaign.
+README_TABLE = ("<!-- campaign damage table: test/cases/kernel/campaign-damage -->",
+                "<!-- end of the campaign damage table -->")
 IN_THE_MACHINE = {"machine", "image", "mkfs", "volume", "loop", "mount", "unmount", "rand",
+                  "copy", "campaign", "markdown", "readme",
                   "timeout", "run", "sh", "fsck", "ls", "count", "md5", "period"}
 
 
@@ -670,6 +797,7 @@ def main():
     parser.add_argument("--rand-lib", help="the library that fixes rand()'s results")
     parser.add_argument("--faultfs", help="the built faultfs")
     parser.add_argument("--probe", help="the built assertion probe")
+    parser.add_argument("--campaign", help="the built qvexfat-campaign")
     parser.add_argument("--emulator", default="", help="'|'-separated command that runs target programs")
     parser.add_argument("--scratch", required=True, help="a directory of the case's own")
     parser.add_argument("--machine", help="the directory of the running arm64 machine")

@@ -231,6 +231,10 @@ class DamageRow {
     std::string said = wrote.Succeeded() ? wrote.output : "failed (" + wrote.Describe() + ")";
     step.lines.push_back("write: " + added.path + ", " + std::to_string(added.size) + " bytes: " + said);
     if (!written) said = "write " + said;
+    if (!mount.read_only && mount.volume->IsReadOnly()) {
+      step.lines.push_back("the driver has made the volume read-only");
+      said += "; went read-only";
+    }
     const std::string trouble = mount.volume->Unmount();
     mount.volume.reset();
     if (!trouble.empty()) step.lines.push_back("unmount: " + trouble);
@@ -247,6 +251,10 @@ class DamageRow {
       const std::string unmounted = again.volume->Unmount();
       if (!unmounted.empty()) step.lines.push_back("unmount: " + unmounted);
     }
+    // What the driver's use left on the volume.
+    const CheckerRun after = RunChecker(m_context.checker, "-n", loop.Path());
+    for (const std::string& line : after.Transcript()) step.lines.push_back(line);
+    said += "; then " + after.label + ": " + (after.Clean() ? "clean" : after.Ran() ? "damage" : "did not run");
     if (again.timed_out) step.Fail("TIMEOUT", "the remount did not return");
     step.said = step.cell = said;
     step.TakeKernel(Kernel());

@@ -37,6 +37,10 @@ MountedVolume::~MountedVolume() {
   if (m_driver == Driver::kFuse) ReapStrays(seconds(5));
 }
 
+bool MountedVolume::IsReadOnly() const {
+  return RunIsolated(kMountLimit, [this] { return Mode(m_directory); }).output == "ro";
+}
+
 std::string MountedVolume::Unmount() {
   const ChildOutcome outcome = RunIsolated(kUnmountLimit, [this]() -> std::string {
     for (int attempt = 0; attempt < 25; ++attempt) {

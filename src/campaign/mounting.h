@@ -17,6 +17,9 @@ class MountedVolume {
   MountedVolume& operator=(const MountedVolume&) = delete;
 
   const std::string& Directory() const { return m_directory; }
+  // Whether the volume is read-only now: a driver may turn it so when it
+  // meets damage.
+  bool IsReadOnly() const;
   // Unmounts and waits for a FUSE daemon to finish. "" when all went well,
   // else what did not ("busy, detached lazily").
   std::string Unmount();

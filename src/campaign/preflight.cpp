@@ -100,7 +100,7 @@ std::string Preflight(CampaignOptions& options, const std::vector<const Row*>& r
   for (const std::string& program : programs)
     if (Find(program).empty()) return program + ": no such program" + (program.find('/') == std::string::npos ? " on PATH" : "");
   const ChildOutcome usage = RunProgram({options.tool}, std::chrono::seconds(60));
-  if (usage.exit_code != 1 || usage.output.rfind("Usage: ", 0) != 0 ||
+  if (usage.exit_code != 1 || usage.output.find("Usage: ") == std::string::npos ||
       usage.output.find(kToolUsage) == std::string::npos)
     return options.tool + " is not qvexfat-test: run without arguments, it does not print qvexfat-test's usage";
 
