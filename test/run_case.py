@@ -713,6 +713,8 @@ class Case:
         text = data.decode(errors="backslashreplace").replace("\r", "\\r")
         for name, value in sorted(self.placeholders(), key=lambda p: -len(p[1])):
             text = text.replace(value, name)
+        # The campaign's working directory, made with mkdtemp.
+        text = re.sub(r"qvexfat-campaign\.[A-Za-z0-9]{6}", "qvexfat-campaign.XXXXXX", text)
         if self.args.emulator:  # the emulator's own note of a signal is not the program's output
             text = re.sub(r"qemu: uncaught target signal [^\n]*\n", "", text)
         if text:

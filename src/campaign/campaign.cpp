@@ -110,7 +110,9 @@ int RunCampaign(int argc, char* argv[]) {
   }
   const std::vector<const Row*> rows = SelectRows(options.only, error);
   if (!error.empty()) {
-    fprintf(stderr, "qvexfat-campaign: %s\n\n%s", error.c_str(), Usage().c_str());
+    const std::string usage = Usage();
+    fprintf(stderr, "qvexfat-campaign: %s\n%s(--help tells more)\n", error.c_str(),
+            usage.substr(0, usage.find("\n\n") + 1).c_str());
     return kCouldNotRun;
   }
   Stack stack;

@@ -79,10 +79,9 @@ std::string Sizes(CampaignOptions& options, const std::vector<const Row*>& rows)
   } else if (available == 0) {
     options.size = available = largest ? largest->volume_bytes : 0;
   }
-  for (const Row* row : rows)
-    if (row->volume_bytes > available)
-      return "row " + row->name + " needs a volume of " + FormatSize(row->volume_bytes) + ", and " +
-             (options.device.empty() ? "the image" : options.device) + " holds " + FormatSize(available);
+  if (largest && largest->volume_bytes > available)
+    return "row " + largest->name + " needs a volume of " + FormatSize(largest->volume_bytes) + ", and " +
+           (options.device.empty() ? "the image" : options.device) + " holds " + FormatSize(available);
   return "";
 }
 
