@@ -2,14 +2,14 @@
 # Builds the Debian package of a build tree into a scratch directory and
 # checks it against the binary inside it, with Debian's own tools:
 #   - the package architecture is the one the binary was compiled for,
-#   - the package holds exactly the tool, its manual page, the README, the
-#     copyright file and the changelog,
+#   - the package holds exactly the tool and the campaign, their manual
+#     pages, the README, the copyright file and the changelog,
 #   - the copyright file is in Debian's machine-readable format and licenses
 #     every file under MIT, with the terms of the source tree's LICENSE,
 #   - the changelog is a Debian changelog whose top entry is the package's
 #     version,
-#   - the manual page renders without warnings,
-#   - Depends is exactly what dpkg-shlibdeps derives from the binary,
+#   - the manual pages render without warnings,
+#   - Depends is exactly what dpkg-shlibdeps derives from the binaries,
 #   - lintian reports no error, and every warning it reports is one the
 #     README lists with its reason.
 #
@@ -32,7 +32,10 @@ deb=${debs[0]}
 root=$scratch/root
 dpkg-deb -x "$deb" "$root"
 tool=$root/usr/bin/qvexfat-test
-[[ -x "$tool" ]] || fail "no executable usr/bin/qvexfat-test in $deb"
+campaign=$root/usr/bin/qvexfat-campaign
+for program in "$tool" "$campaign"; do
+  [[ -x "$program" ]] || fail "no executable usr/bin/$(basename "$program") in $deb"
+done
 
 machine=$(LC_ALL=C readelf -h "$tool" | sed -n 's/^ *Machine: *//p')
 case "$machine" in
@@ -45,11 +48,15 @@ esac
 version=$(dpkg-deb -f "$deb" Version)
 [[ "$(basename "$deb")" == "qvexfat-test_${version}_${arch}.deb" ]] ||
   fail "file name $(basename "$deb") does not say qvexfat-test_${version}_${arch}"
-LC_ALL=C readelf -S "$tool" | grep -q '\.symtab' && fail "the packaged binary is not stripped"
+for program in "$tool" "$campaign"; do
+  LC_ALL=C readelf -S "$program" | grep -q '\.symtab' && fail "the packaged $(basename "$program") is not stripped"
+done
 
 files=$(cd "$root" && find . -type f | sort | tr '\n' ' ')
 doc=./usr/share/doc/qvexfat-test
-expected="./usr/bin/qvexfat-test $doc/README.md $doc/changelog.gz $doc/copyright ./usr/share/man/man1/qvexfat-test.1.gz "
+man=./usr/share/man/man1
+expected="./usr/bin/qvexfat-campaign ./usr/bin/qvexfat-test $doc/README.md $doc/changelog.gz $doc/copyright \
+$man/qvexfat-campaign.1.gz $man/qvexfat-test.1.gz "
 [[ "$files" == "$expected" ]] || fail "package files are: $files"
 
 # The copyright file: in the machine-readable format (lintian, below,
@@ -75,15 +82,17 @@ changelog_version=$(dpkg-parsechangelog -l "$scratch/changelog" -S Version 2>"$s
 [[ "$changelog_version" == "$version" ]] ||
   fail "the changelog's top entry is version '$changelog_version', the package is $version"
 
-warnings=$(zcat "$root/usr/share/man/man1/qvexfat-test.1.gz" | groff -man -ww -z 2>&1)
-[[ -z "$warnings" ]] || fail "manual page warnings: $warnings"
+for page in qvexfat-test qvexfat-campaign; do
+  warnings=$(zcat "$root/usr/share/man/man1/$page.1.gz" | groff -man -ww -z 2>&1)
+  [[ -z "$warnings" ]] || fail "manual page $page(1) warnings: $warnings"
+done
 
 # dpkg-shlibdeps wants a debian/control to read; the binary's libraries are
 # looked up for the package's architecture (multiarch for a cross build).
 mkdir -p "$scratch/shlibdeps/debian"
 printf 'Source: qvexfat-test\n\nPackage: qvexfat-test\nArchitecture: any\n' \
   >"$scratch/shlibdeps/debian/control"
-derived=$(cd "$scratch/shlibdeps" && DEB_HOST_ARCH=$arch dpkg-shlibdeps -O "$tool" 2>/dev/null |
+derived=$(cd "$scratch/shlibdeps" && DEB_HOST_ARCH=$arch dpkg-shlibdeps -O "$tool" "$campaign" 2>/dev/null |
   sed -n 's/^shlibs:Depends=//p')
 normalize() { tr ',' '\n' | sed 's/^ *//; s/ *$//' | grep -v '^$' | sort; }
 declared=$(dpkg-deb -f "$deb" Depends)
