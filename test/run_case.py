@@ -273,6 +273,7 @@ class Case:
         self.transcript = []
         self.guest = None
         self.user = None
+        self.path = None
 
     # Setting up the image.
     def step_image(self, name):
@@ -407,15 +408,23 @@ class Case:
         self.volume = self.device = None
 
     # The damage campaign.
-    def step_copy(self, name):
-        """A helper of test/campaign/ into the scratch directory, {SCRATCH}/NAME."""
+    def step_copy(self, name, as_name=None):
+        """A helper of test/campaign/ into the scratch directory, as
+        {SCRATCH}/NAME or {SCRATCH}/AS_NAME."""
         with open(os.path.join(HERE, "campaign", name), "rb") as f:
             data = f.read()
+        target = as_name or name
         if self.guest:
-            self.guest.must(f"echo {base64.b64encode(data).decode()} | base64 -d >{Guest.ROOT}/{name} "
-                            f"&& chmod +x {Guest.ROOT}/{name}")
+            self.guest.must(f"mkdir -p $(dirname {Guest.ROOT}/{target}) && echo {base64.b64encode(data).decode()} "
+                            f"| base64 -d >{Guest.ROOT}/{target} && chmod +x {Guest.ROOT}/{target}")
             return
-        shutil.copy(os.path.join(HERE, "campaign", name), self.scratch)
+        os.makedirs(os.path.dirname(os.path.join(self.scratch, target)), exist_ok=True)
+        shutil.copy(os.path.join(HERE, "campaign", name), os.path.join(self.scratch, target))
+
+    def step_path(self, directory):
+        """The campaigns that follow find programs in this directory of the
+        scratch directory first."""
+        self.path = os.path.join(self.scratch, directory)
 
     def campaign_command(self, argv):
         """The campaign's command line and environment. Helpers given as
@@ -426,7 +435,9 @@ class Case:
             return ("QVEXFAT_TOOL=qvexfat-test QVEXFAT_RAND_LIB=" + os.path.basename(self.args.rand_lib)
                     + f" TMPDIR={Guest.ROOT} " + shlex.join(["qvexfat-campaign"] + argv)), None
         env = dict(os.environ, QVEXFAT_TOOL=self.args.tool, QVEXFAT_RAND_LIB=self.args.rand_lib,
-                   TMPDIR=self.scratch)
+                   TMPDIR=self.scratch, QVEXFAT_SCRATCH=self.scratch)
+        if self.path:
+            env["PATH"] = self.path + ":" + env["PATH"]
         env["ASAN_OPTIONS"] = env.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"
         return [self.args.campaign] + argv, env
 
@@ -465,14 +476,16 @@ class Case:
 
     def step_leftovers(self):
         """Mounts below the scratch directory and loop devices over its
-        files, which must be gone once the campaign has ended. A loop device
-        lets go of its file a moment after its last user."""
+        files or over {DEV} (but {DEV} itself), which must be gone once the
+        campaign has ended. A loop device lets go a moment after its last
+        user."""
         self.record("$ leftovers")
         for _ in range(30):
             mounts = [line.split()[1] for line in open("/proc/mounts")
                       if line.split()[1].startswith(self.scratch + "/")]
             loops = [line for line in must(["losetup", "-n", "-O", "NAME,BACK-FILE"]).splitlines()
-                     if self.scratch + "/" in line]
+                     if (self.scratch + "/" in line or line.split()[1:] == [self.device])
+                     and line.split()[0] != self.device]
             if not mounts and not loops:
                 break
             time.sleep(0.1)

@@ -76,7 +76,7 @@ FileVerdict JudgeRead(const TreeFile& file, const FileReading& reading) {
   if (!reading.failure.empty())
     return {reading.failure == "timed out" ? "timed out" : "read error", reading.failure, false,
             reading.failure == "timed out"};
-  if (!reading.listed || reading.error == ENOENT) return {"missing", "", false, false};
+  if (reading.error == ENOENT || (!reading.listed && reading.error == 0)) return {"missing", "", false, false};
   if (reading.error != 0) return {"read error", ErrorName(reading.error), false, false};
   if (reading.first_difference)
     return {"differs", "at byte " + std::to_string(*reading.first_difference), true, false};
