@@ -18,6 +18,13 @@ constexpr const char* kBugReportWords[] = {
 
 bool Contains(const std::string& text, const std::string& word) { return text.find(word) != std::string::npos; }
 
+// `word` where it begins a word: "BUG:", but not the end of "DEBUG:".
+bool ContainsWord(const std::string& text, const std::string& word) {
+  for (size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + 1))
+    if (at == 0 || !isalnum(static_cast<unsigned char>(text[at - 1]))) return true;
+  return false;
+}
+
 // The loop devices a message names ("loop0" in "exFAT-fs (loop0): ...").
 std::vector<std::string> LoopDevicesIn(const std::string& message) {
   std::vector<std::string> names;
@@ -30,7 +37,9 @@ std::vector<std::string> LoopDevicesIn(const std::string& message) {
   return names;
 }
 
-bool Concerns(const std::string& message, const std::vector<std::string>& devices) {
+}  // namespace
+
+bool ConcernsRow(const std::string& message, const std::vector<std::string>& devices) {
   if (IsKernelBugReport(message)) return true;
   if (Contains(message, "detected capacity change")) return false;  // every attach says so
   const std::vector<std::string> named = LoopDevicesIn(message);
@@ -43,8 +52,6 @@ bool Concerns(const std::string& message, const std::vector<std::string>& device
   return Contains(message, "exFAT") || Contains(message, "exfat") || Contains(message, "fuse:") ||
          Contains(message, "fuseblk");
 }
-
-}  // namespace
 
 KernelLog::KernelLog() : m_fd(open("/dev/kmsg", O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {
   if (!m_fd.IsOpen()) throw ErrnoException(errno, "/dev/kmsg");
@@ -63,14 +70,14 @@ std::vector<std::string> KernelLog::Take(const std::vector<std::string>& devices
     const size_t start = text.find(';');
     if (start == std::string::npos) continue;
     const std::string message = text.substr(start + 1, text.find('\n', start) - start - 1);
-    if (Concerns(message, devices)) messages.push_back(message);
+    if (ConcernsRow(message, devices)) messages.push_back(message);
   }
   return messages;
 }
 
 bool IsKernelBugReport(const std::string& message) {
   for (const char* word : kBugReportWords)
-    if (Contains(message, word)) return true;
+    if (ContainsWord(message, word)) return true;
   return false;
 }
 

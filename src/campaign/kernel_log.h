@@ -23,6 +23,9 @@ class KernelLog {
   UniqueFd m_fd;
 };
 
+// Whether a message concerns a row that uses `devices`: see KernelLog::Take.
+bool ConcernsRow(const std::string& message, const std::vector<std::string>& devices);
+
 // A report of a kernel bug: BUG, WARNING, Oops, KASAN, UBSAN, a call
 // trace, a hung task.
 bool IsKernelBugReport(const std::string& message);

@@ -20,7 +20,9 @@ void StepResult::Fail(const std::string& why_directive, const std::string& text)
 
 void StepResult::TakeKernel(std::vector<std::string> messages) {
   kernel = std::move(messages);
-  if (AnyBugReport(kernel)) ok = false;
+  if (!AnyBugReport(kernel)) return;
+  ok = false;
+  said = "kernel bug report" + (said.empty() ? "" : "; " + said);
 }
 
 bool RowResult::Ok() const {

@@ -21,7 +21,8 @@ struct StepResult {
 
   // Not ok, with a directive.
   void Fail(const std::string& why_directive, const std::string& text);
-  // Not ok when the kernel reported a bug during the step.
+  // Not ok, and said so first, when the kernel reported a bug during the
+  // step.
   void TakeKernel(std::vector<std::string> messages);
 };
 

@@ -1,0 +1,37 @@
+#include "campaign/options.h"
+
+#include <gtest/gtest.h>
+
+#include "campaign/scratch_store.h"
+
+namespace {
+
+std::vector<std::string> Names(const std::vector<const Row*>& rows) {
+  std::vector<std::string> names;
+  for (const Row* row : rows) names.push_back(row->name);
+  return names;
+}
+
+TEST(Options, SelectsRowsByNameAndGroupInTheCampaignsOrder) {
+  std::string error;
+  EXPECT_EQ(SelectRows({}, error).size(), 19u);
+  EXPECT_EQ(SelectRows({"damage"}, error).size(), 10u);
+  EXPECT_EQ(Names(SelectRows({"filldir", "upcase", "damage"}, error)).back(), "filldir");
+  EXPECT_EQ(Names(SelectRows({"rename", "upcase"}, error)), (std::vector<std::string>{"upcase", "rename"}));
+  EXPECT_TRUE(error.empty());
+  SelectRows({"upcase", "fsck"}, error);
+  EXPECT_EQ(error, "no row is called \"fsck\" (see --help)");
+}
+
+TEST(Options, ReadsAndWritesSizes) {
+  EXPECT_EQ(ParseSize("384M"), 384u << 20);
+  EXPECT_EQ(ParseSize("4k"), 4096u);
+  EXPECT_EQ(ParseSize("2G"), 2ull << 30);
+  EXPECT_EQ(ParseSize("1000"), 1000u);
+  for (const char* bad : {"", "M", "12T", "-4M", "4MB", "99999999999G"}) EXPECT_EQ(ParseSize(bad), 0u) << bad;
+  EXPECT_EQ(FormatSize(384u << 20), "384M");
+  EXPECT_EQ(FormatSize(1536u << 10), "1536K");
+  EXPECT_EQ(FormatSize(1000), "1000");
+}
+
+}  // namespace
