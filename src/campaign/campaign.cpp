@@ -72,7 +72,7 @@ RowResult RunRow(Context& context, const Row& row) {
 int Campaign(const CampaignOptions& options, const std::vector<const Row*>& rows, const Stack& stack) {
   std::unique_ptr<FILE, int (*)(FILE*)> markdown(nullptr, fclose);
   if (!options.markdown.empty()) {
-    markdown.reset(fopen(options.markdown.c_str(), "w"));
+    markdown.reset(fopen(options.markdown.c_str(), "we"));
     if (!markdown) throw ErrnoException(errno, options.markdown);
   }
   std::unique_ptr<ScratchStore> store = options.image.empty()

@@ -85,6 +85,20 @@ class DamageRow {
 
   std::vector<std::string> Kernel() { return m_context.kernel_log.Take(m_devices); }
 
+  StepResult Begin(const std::string& name) const {
+    m_context.progress.Step(name);
+    StepResult step;
+    step.name = name;
+    return step;
+  }
+
+  // The read and write steps need the volume the mount step took.
+  static StepResult NotMounted(StepResult step) {
+    step.directive = "SKIP";
+    step.said = "not mounted";
+    return step;
+  }
+
   DamagedVolume Make(const std::string& step) {
     m_context.progress.Step(step);
     DamagedVolume volume;
@@ -143,9 +157,7 @@ class DamageRow {
   }
 
   StepResult Check(const LoopDevice& loop) {
-    m_context.progress.Step("check");
-    StepResult step;
-    step.name = "check";
+    StepResult step = Begin("check");
     const CheckerRun run = RunChecker(m_context.checker, "-n", loop.Path());
     step.lines = run.Transcript();
     if (run.Clean()) {
@@ -164,11 +176,9 @@ class DamageRow {
   }
 
   StepResult MountStep(const LoopDevice& loop, MountAttempt& mount) {
-    m_context.progress.Step("mount");
-    StepResult step;
-    step.name = "mount";
+    StepResult step = Begin("mount");
     mount = Mount(m_context.driver, loop.Path(), Directory());
-    for (const std::string& line : mount.driver_lines) step.lines.push_back("mount.exfat-fuse: " + line);
+    step.lines.insert(step.lines.end(), mount.driver_lines.begin(), mount.driver_lines.end());
     step.said = step.cell = mount.Describe();
     if (mount.timed_out) step.Fail("TIMEOUT", "the mount did not return");
     step.TakeKernel(Kernel());
@@ -189,14 +199,8 @@ class DamageRow {
   }
 
   StepResult Read(const MountAttempt& mount) {
-    m_context.progress.Step("read");
-    StepResult step;
-    step.name = "read";
-    if (!mount.volume) {
-      step.directive = "SKIP";
-      step.said = "not mounted";
-      return step;
-    }
+    StepResult step = Begin("read");
+    if (!mount.volume) return NotMounted(step);
     const std::vector<FileVerdict> verdicts = ReadAll(m_tree.Files(), JudgeRead, step.lines);
     step.said = step.cell = Summarize(m_tree.Files(), verdicts);
     Judge(step, verdicts);
@@ -205,14 +209,8 @@ class DamageRow {
   }
 
   StepResult Write(const LoopDevice& loop, MountAttempt& mount) {
-    m_context.progress.Step("write");
-    StepResult step;
-    step.name = "write";
-    if (!mount.volume) {
-      step.directive = "SKIP";
-      step.said = "not mounted";
-      return step;
-    }
+    StepResult step = Begin("write");
+    if (!mount.volume) return NotMounted(step);
     const TreeFile added = NewFile();
     const ChildOutcome wrote = RunIsolated(kPopulateLimit, [this, &added]() -> std::string {
       const std::string path = Directory() + "/" + added.path;
@@ -240,7 +238,7 @@ class DamageRow {
     if (!trouble.empty()) step.lines.push_back("unmount: " + trouble);
 
     MountAttempt again = Mount(m_context.driver, loop.Path(), Directory());
-    for (const std::string& line : again.driver_lines) step.lines.push_back("mount.exfat-fuse: " + line);
+    step.lines.insert(step.lines.end(), again.driver_lines.begin(), again.driver_lines.end());
     said += "; remount " + again.Describe();
     std::vector<TreeFile> files = m_tree.Files();
     if (written) files.push_back(added);
@@ -291,7 +289,7 @@ class DamageRow {
     }
     step.cell = said;
     MountAttempt mount = Mount(m_context.driver, volume.loop->Path(), Directory());
-    for (const std::string& line : mount.driver_lines) step.lines.push_back("mount.exfat-fuse: " + line);
+    step.lines.insert(step.lines.end(), mount.driver_lines.begin(), mount.driver_lines.end());
     said += "; mount " + mount.Describe();
     if (mount.volume) {
       const std::vector<FileVerdict> verdicts = ReadAll(m_tree.Files(), JudgeRepaired, step.lines);

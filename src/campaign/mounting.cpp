@@ -77,7 +77,7 @@ MountAttempt Mount(Driver driver, const std::string& device, const std::string& 
   } else {
     outcome = RunProgram({"mount.exfat-fuse", device, directory}, kMountLimit);
     for (const std::string& line : outcome.Lines())  // all but the banner of every start
-      if (line.rfind(kFuseBanner, 0) != 0) attempt.driver_lines.push_back(line);
+      if (line.rfind(kFuseBanner, 0) != 0) attempt.driver_lines.push_back("mount.exfat-fuse: " + line);
   }
   if (!outcome.Succeeded()) {
     // Whatever may have come about after all is undone.

@@ -35,7 +35,7 @@ struct MountAttempt {
   bool read_only = false;
   bool timed_out = false;
   std::string refusal;  // "EIO", "exit 1"
-  std::vector<std::string> driver_lines;  // what mount.exfat-fuse printed
+  std::vector<std::string> driver_lines;  // "mount.exfat-fuse: <what it printed>"
 
   // "taken", "taken read-only", "refused (EIO)".
   std::string Describe() const;

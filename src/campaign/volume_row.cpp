@@ -25,7 +25,7 @@ RowResult RunVolumeRow(Context& context, const Row& row) {
     return result;
   }
   MountAttempt mount = Mount(context.driver, loop->Path(), context.mount_point);
-  for (const std::string& line : mount.driver_lines) result.lines.push_back("mount.exfat-fuse: " + line);
+  result.lines.insert(result.lines.end(), mount.driver_lines.begin(), mount.driver_lines.end());
   result.kernel = context.kernel_log.Take(devices);
   if (!mount.volume || mount.read_only) {
     result.error = "the driver did not take the new volume: " + mount.Describe();

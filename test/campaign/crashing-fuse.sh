@@ -11,7 +11,9 @@ count=$(($(cat "$QVEXFAT_SCRATCH/mounts" 2>/dev/null || echo 0) + 1))
 echo "$count" >"$QVEXFAT_SCRATCH/mounts"
 "$real" "$@" || exit
 [ "$count" = 2 ] || exit 0
+# Its daemon, and no other case's: the one serving this mount point.
 for process in /proc/[0-9]*; do
-  [ "$(readlink "$process/exe")" = "$real" ] && kill -SEGV "${process#/proc/}"
+  [ "$(readlink "$process/exe")" = "$real" ] &&
+    tr '\0' '\n' <"$process/cmdline" | grep -qxF "$2" && kill -SEGV "${process#/proc/}"
 done
 exit 0
