@@ -3,10 +3,11 @@
 # times: the release build, the AddressSanitizer + UndefinedBehaviorSanitizer
 # build, and the aarch64 cross build, whose programs run under qemu-aarch64;
 # then runs the device-mode fuzzer (clang's libFuzzer) for two minutes.
-# Tests that need a mounted exFAT volume run as root on a machine with FUSE
-# and loop devices. The aarch64 run's kernel cases boot Debian's arm64
-# kernel under qemu-system-aarch64 (test/kernel/) to try the tool on Linux's
-# own exFAT driver.
+# Tests that need a mounted exFAT volume, the damage campaign's among them,
+# run as root on a machine with FUSE and loop devices. The aarch64 run's
+# kernel cases boot Debian's arm64 kernel under qemu-system-aarch64
+# (test/kernel/) to try the tool and the campaign on Linux's own exFAT
+# driver.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
