@@ -1,13 +1,16 @@
 #!/usr/bin/env python3
-"""An emulated 64-bit Arm machine booting Debian's arm64 kernel, so that the
-tool can be tried on Linux's own exFAT driver (see the README's "Kernel
+"""An emulated 64-bit Arm machine booting one Debian release's arm64 kernel
+with that release's busybox, exfatprogs and C library, so that the tool
+can be tried on Linux's own exFAT driver (see the README's "Kernel
 cases"). Shell command lines run in it from the host.
 
     python3 test/kernel/machine.py start <cache> <tool> <scratch> [<guest path>=<host path> ...]
+    python3 test/kernel/machine.py run <scratch> <shell command line>
     python3 test/kernel/machine.py stop <scratch>
 
-(start exits with 77 when qemu or the fetched kernel is missing, 1 under
-CI=true.)
+<cache> is what test/kernel/fetch.sh fetched for the release
+(build/kernel-cache/<release>). start exits with 77 when qemu or the
+release's kernel is missing, saying why; 1 under CI=true.
 
 The guest's serial port is the command channel, served by qemu as the unix
 socket <scratch>/channel.sock to one client at a time. A request is the
@@ -21,6 +24,7 @@ kernel's console goes to <scratch>/console.log (serial.log before it).
 
 import base64
 import gzip
+import lzma
 import os
 import re
 import secrets
@@ -53,7 +57,8 @@ dmesg -c >/dev/null
 echo '@@qvx ready'
 while read -r id limit command check; do
   [ -n "$id" ] && [ "$id" = "$check" ] || continue
-  echo "$command" | base64 -d >/run/command
+  # uudecode: Debian 11's busybox has no base64.
+  printf 'begin-base64 644 -\n%s\n====\n' "$command" | uudecode -o /run/command
   rm -f /run/timedout
   # Its own session, so that a time-out kills whatever it started too.
   setsid sh /run/command </dev/null >/run/stdout 2>/run/stderr &
@@ -115,8 +120,9 @@ def libraries(binaries, roots):
 
 
 def modules(module_dir, names):
-    """The .ko paths (relative to module_dir) to insmod for the named
-    modules, each after those it depends on; built-in ones are left out."""
+    """The module paths (relative to module_dir, .ko or compressed) to
+    insmod for the named modules, each after those it depends on; built-in
+    ones are left out."""
     depends = {}
     for line in (module_dir / "modules.dep").read_text().splitlines():
         path, _, deps = line.partition(":")
@@ -139,12 +145,37 @@ def modules(module_dir, names):
     return order
 
 
+def module_bytes(path):
+    """A module as insmod takes it: newer kernels ship theirs compressed,
+    and busybox's insmod reads only plain ones."""
+    data = path.read_bytes()
+    if path.suffix == ".xz":
+        return lzma.decompress(data)
+    if path.suffix == ".gz":
+        return gzip.decompress(data)
+    if path.suffix == ".zst":
+        return subprocess.run(["zstd", "-dc", str(path)], capture_output=True, check=True).stdout
+    return data
+
+
+def host_release():
+    """This machine's own Debian release, whose arm64 multiarch tree has
+    the libraries of the dynamically linked aarch64 build."""
+    for line in Path("/etc/os-release").read_text().splitlines():
+        if line.startswith("VERSION_CODENAME="):
+            return line.split("=", 1)[1].strip('"')
+    return None
+
+
 def build_initramfs(cache, tool, path, extra=None):
     cache = Path(cache)
     release = (cache / "kernel-release").read_text().strip()
     root = cache / "root"
     module_dir = root / "lib/modules" / release
     kos = modules(module_dir, MODULES)
+    # In /usr/bin from Debian 13 on.
+    busybox = next((p for p in (root / "bin/busybox", root / "usr/bin/busybox") if p.is_file()),
+                   root / "bin/busybox")
     binaries = {"/usr/sbin/mkfs.exfat": root / "usr/sbin/mkfs.exfat",
                 "/usr/sbin/fsck.exfat": root / "usr/sbin/fsck.exfat",
                 "/usr/bin/qvexfat-test": Path(tool)}
@@ -152,26 +183,32 @@ def build_initramfs(cache, tool, path, extra=None):
     for host in binaries.values():
         if not host.is_file():
             raise FileNotFoundError(f"{host}: no such file")
-    libs = libraries(list(binaries.values()), [root, Path("/")])
+    # The release's own libraries; the host's arm64 tree only where it is
+    # the same release (for the dynamically linked tool's C++ libraries).
+    roots = [root] + ([Path("/")] if cache.resolve().name == host_release() else [])
+    libs = libraries(list(binaries.values()), roots)
 
     directory, executable = 0o040755, 0o100755
     entries = [(d, directory, b"", 0) for d in [
         "bin", "dev", "etc", "lib", "lib/aarch64-linux-gnu", "lib/modules",
         "mnt", "proc", "run", "sys", "tmp", "usr", "usr/bin", "usr/lib", "usr/sbin"]]
     entries += [("etc/mtab", 0o120777, b"/proc/self/mounts", 0),
-                ("bin/busybox", executable, (root / "bin/busybox").read_bytes(), 0),
+                ("bin/busybox", executable, busybox.read_bytes(), 0),
                 ("bin/sh", 0o120777, b"busybox", 0),
                 (f"lib/{LOADER}", 0o120777, f"aarch64-linux-gnu/{LOADER}".encode(), 0)]
     entries += [(guest[1:], executable, host.read_bytes(), 0)
                 for guest, host in binaries.items()]
     entries += [(f"lib/aarch64-linux-gnu/{name}", executable, host.read_bytes(), 0)
                 for name, host in libs.items()]
-    entries += [(f"lib/modules/{Path(ko).name}", 0o100644,
-                 (module_dir / ko).read_bytes(), 0) for ko in kos]
-    insmod = "\n".join(f"insmod /lib/modules/{Path(ko).name}" for ko in kos)
+    ko_names = [Path(ko).name.split(".ko")[0] + ".ko" for ko in kos]
+    entries += [(f"lib/modules/{name}", 0o100644, module_bytes(module_dir / ko), 0)
+                for name, ko in zip(ko_names, kos)]
+    insmod = "\n".join(f"insmod /lib/modules/{name}" for name in ko_names)
     entries.append(("init", executable, INIT.format(insmod=insmod).encode(), 0))
     Path(path).write_bytes(gzip.compress(cpio(entries), compresslevel=6))
-    return root / "boot" / f"vmlinuz-{release}"
+    # Beside its modules in the newest kernel packages.
+    kernel = root / "boot" / f"vmlinuz-{release}"
+    return kernel if kernel.is_file() else module_dir / "vmlinuz"
 
 
 # --- The machine -------------------------------------------------------------
@@ -360,8 +397,12 @@ def unavailable(cache):
     """Why no machine can be booted on this host, or None."""
     if not shutil.which("qemu-system-aarch64"):
         return "qemu-system-aarch64 is not installed (scripts/install-deps.sh --aarch64)"
-    if not (Path(cache) / "kernel-release").is_file():
-        return f"no arm64 kernel fetched into {cache} (test/kernel/fetch.sh {cache})"
+    cache = Path(cache)
+    if (cache / "unavailable").is_file():
+        return f"{cache.name}: {(cache / 'unavailable').read_text().strip()}"
+    if not (cache / "kernel-release").is_file():
+        return (f"no arm64 kernel fetched into {cache} "
+                f"(test/kernel/fetch.sh {cache.parent} {cache.name})")
     return None
 
 
@@ -370,7 +411,9 @@ def unavailable(cache):
 def main(argv):
     match argv:
         case ["start", cache, tool, scratch, *files] if all("=" in f for f in files):
-            reason = unavailable(cache)
+            reason = unavailable(cache) or next(
+                (f"{path}: no such file (not built?)" for path in [tool] + [f.split("=", 1)[1] for f in files]
+                 if not Path(path).is_file()), None)
             if reason:
                 print(f"machine: cannot boot: {reason}", file=sys.stderr)
                 return 1 if os.environ.get("CI") == "true" else 77
@@ -384,6 +427,11 @@ def main(argv):
             print(f"machine: booted in {time.monotonic() - began:.1f} s; "
                   f"channel {Path(scratch).resolve() / 'channel.sock'}")
             return 0
+        case ["run", scratch, command]:
+            status, out, err = Machine.attach(scratch).run(command)
+            sys.stdout.buffer.write(out)
+            sys.stderr.buffer.write(err)
+            return status
         case ["stop", scratch]:
             stop(scratch)
             return 0
