@@ -34,7 +34,8 @@ import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "kernel"))
-from machine import Machine, unavailable  # noqa: E402
+from machine import Machine, host_release, unavailable  # noqa: E402
+import campaign_tables  # noqa: E402
 SKIP = 77
 NAME_PATTERN = ("abcdefghijklmnopqrstuvwxyz" "ABCDEFGHIJKLMNOPQRSTUVWXYZ") * 5
 
@@ -233,6 +234,22 @@ class Guest:
     def __init__(self, machine_dir):
         self.machine = Machine.attach(machine_dir)
         self.image, self.volume = f"{self.ROOT}/image.img", f"{self.ROOT}/mnt"
+        # A machine of a release other than this host's runs the static
+        # build, into which no library can be preloaded: its tool with
+        # rand() pinned is a program of its own.
+        self.static = self.run("test -x /usr/bin/qvexfat-test-pinned")[0] == 0
+
+    @staticmethod
+    def decode(data):
+        """A shell pipeline that writes the bytes whose base64 is data
+        (uudecode: Debian 11's busybox has no base64)."""
+        return f"printf 'begin-base64 644 -\\n%s\\n====\\n' {data} | uudecode -o -"
+
+    def pinned(self, rand_lib):
+        """(environment, tool) that run the tool with rand() pinned."""
+        if self.static:
+            return "", "qvexfat-test-pinned"
+        return f"LD_PRELOAD={os.path.basename(rand_lib)} ", "qvexfat-test"
 
     def run(self, command, timeout=300):
         """(status, stdout, stderr); the shell's 128 + N for a signal as -N."""
@@ -283,7 +300,7 @@ class Case:
         if self.guest:  # the images are small packed: a few seconds through the channel
             with open(source, "rb") as packed:
                 data = base64.b64encode(packed.read()).decode()
-            self.guest.must(f"echo {data} | base64 -d | xz -d >{self.guest.image}")
+            self.guest.must(f"{self.guest.decode(data)} | xz -d >{self.guest.image}")
             return
         self.new_image()
         with lzma.open(source) as packed, open(self.image.path, "wb") as out:
@@ -415,8 +432,9 @@ class Case:
             data = f.read()
         target = as_name or name
         if self.guest:
-            self.guest.must(f"mkdir -p $(dirname {Guest.ROOT}/{target}) && echo {base64.b64encode(data).decode()} "
-                            f"| base64 -d >{Guest.ROOT}/{target} && chmod +x {Guest.ROOT}/{target}")
+            self.guest.must(f"mkdir -p $(dirname {Guest.ROOT}/{target}) && "
+                            f"{self.guest.decode(base64.b64encode(data).decode())} >{Guest.ROOT}/{target} "
+                            f"&& chmod +x {Guest.ROOT}/{target}")
             return
         os.makedirs(os.path.dirname(os.path.join(self.scratch, target)), exist_ok=True)
         shutil.copy(os.path.join(HERE, "campaign", name), os.path.join(self.scratch, target))
@@ -429,11 +447,14 @@ class Case:
     def campaign_command(self, argv):
         """The campaign's command line and environment. Helpers given as
         its --tool find the tool in $QVEXFAT_TOOL and the rand()
-        replacement in $QVEXFAT_RAND_LIB."""
+        replacement in $QVEXFAT_RAND_LIB (in a static machine, the tool
+        built with it in $QVEXFAT_PINNED_TOOL)."""
         argv = [self.substitute(a) for a in argv]
         if self.guest:
-            return ("QVEXFAT_TOOL=qvexfat-test QVEXFAT_RAND_LIB=" + os.path.basename(self.args.rand_lib)
-                    + f" TMPDIR={Guest.ROOT} " + shlex.join(["qvexfat-campaign"] + argv)), None
+            pinning = ("QVEXFAT_RAND_LIB= QVEXFAT_PINNED_TOOL=qvexfat-test-pinned" if self.guest.static
+                       else "QVEXFAT_RAND_LIB=" + os.path.basename(self.args.rand_lib))
+            return (f"QVEXFAT_TOOL=qvexfat-test {pinning} TMPDIR={Guest.ROOT} "
+                    + shlex.join(["qvexfat-campaign"] + argv)), None
         env = dict(os.environ, QVEXFAT_TOOL=self.args.tool, QVEXFAT_RAND_LIB=self.args.rand_lib,
                    TMPDIR=self.scratch, QVEXFAT_SCRATCH=self.scratch)
         if self.path:
@@ -507,24 +528,30 @@ class Case:
         with open(self.substitute(path), "rb") as f:
             return f.read()
 
-    def step_readme(self, path):
-        """Whether the README's damage table is the campaign's Markdown, as
-        written to `path`; with --update the README takes it."""
-        self.record(f"$ readme {path}")
+    def step_readme(self, release, damage_path, volume_path):
+        """Whether the README's campaign tables hold this release's column
+        as this run makes it from the Markdown the campaign wrote (damage
+        rows, volume rows) and the kernel and checker its KTAP named; with
+        --update the README takes it."""
+        self.record(f"$ readme {release} {damage_path} {volume_path}")
+        said = dict(line[2:].split(": ", 1) for line in self.transcript
+                    if line.startswith(("# kernel: ", "# checker: ")))
         readme_path = os.path.join(os.path.dirname(HERE), "README.md")
         readme = open(readme_path).read()
-        begin, end = README_TABLE
-        if begin not in readme or end not in readme:
-            raise CaseError(f"README.md has no {begin} ... {end}")
-        head, rest = readme.split(begin, 1)
-        table, tail = rest.split(end, 1)
-        ran = self.read_file(path).decode()
+        try:
+            updated, changes = campaign_tables.update(
+                readme, release, said["kernel"], said["checker"],
+                self.read_file(damage_path).decode(), self.read_file(volume_path).decode())
+        except (KeyError, ValueError) as e:
+            raise CaseError(f"readme: {e}")
         if self.args.update:
-            open(readme_path, "w").write(head + begin + "\n" + ran + end + tail)
-        diff = list(difflib.unified_diff(table.strip("\n").splitlines(), ran.strip("\n").splitlines(),
-                                         "README.md", "this run", lineterm=""))
-        self.record("the same" if not diff or self.args.update else "differs:")
-        self.transcript.extend(diff if not self.args.update else [])
+            open(readme_path, "w").write(updated)
+            self.record("the same")
+            return
+        diff = [line for old, new in changes
+                for line in difflib.unified_diff(old, new, "README.md", "this run", lineterm="")]
+        self.record("the same" if not diff else "differs:")
+        self.transcript.extend(diff)
 
     def step_hold(self):
         """A process holds {DEV} open until the case ends."""
@@ -556,9 +583,11 @@ class Case:
 
     def run_tool(self, argv):
         if self.guest:  # the machine's initramfs has fixed_rand in the loader's path
-            env = (f"QVEXFAT_RAND={shlex.quote(self.rand)} "
-                   f"LD_PRELOAD={os.path.basename(self.args.rand_lib)} " if self.rand is not None else "")
-            return self.guest.run(env + shlex.join(["qvexfat-test"] + argv), self.timeout)
+            env, tool = "", "qvexfat-test"
+            if self.rand is not None:
+                preload, tool = self.guest.pinned(self.args.rand_lib)
+                env = f"QVEXFAT_RAND={shlex.quote(self.rand)} " + preload
+            return self.guest.run(env + shlex.join([tool] + argv), self.timeout)
         env = dict(os.environ)
         preload = []
         if self.rand is not None:
@@ -759,9 +788,6 @@ class Case:
 
 STEPS_THAT_LOOK = {"run", "changes", "fsck", "loop", "mount", "volume", "campaign"}
 MOUNTING_STEPS = {"loop", "mount", "volume", "campaign", "interrupt"}
-# The lines that hold the README's table of the damage campaign.
-README_TABLE = ("<!-- campaign damage table: test/cases/kernel/campaign-damage -->",
-                "<!-- end of the campaign damage table -->")
 IN_THE_MACHINE = {"machine", "image", "mkfs", "volume", "loop", "mount", "unmount", "rand",
                   "copy", "campaign", "markdown", "readme",
                   "timeout", "run", "sh", "fsck", "ls", "count", "md5", "period"}
@@ -770,6 +796,31 @@ IN_THE_MACHINE = {"machine", "image", "mkfs", "volume", "loop", "mount", "unmoun
 # --- Comparing -----------------------------------------------------------------
 
 PLACEHOLDER = {"{N}": r"\d+", "{HEX}": r"[0-9a-f]+", "{NAME}": r"[A-Za-z]{0,255}", "{*}": r".*"}
+
+
+# What differs from run to run in a transcript of the machine, written as
+# placeholders when --update writes expect.out: loop device numbers, the
+# kernel's release past its major and minor, and the checksums of boot
+# regions and entry sets, which take in each volume's random serial number.
+VOLATILE = [(re.compile(pattern), replacement) for pattern, replacement in [
+    (r"/dev/loop\d+", "/dev/loop{N}"),
+    (r"\(loop\d+\)", "(loop{N})"),
+    (r"^((  )?# kernel: \d+\.\d+)\..*", r"\1.{*}"),
+    (r"invalid checksum \(0x[0-9a-f]+ != 0x[0-9a-f]+\)", "invalid checksum (0x{HEX} != 0x{HEX})"),
+    (r"checksum of boot region is not correct\. 0x[0-9a-f]+, but expected 0x[0-9a-f]+",
+     "checksum of boot region is not correct. 0x{HEX}, but expected 0x{HEX}"),
+    (r"invalid VBR checksum 0x[0-9a-f]+ \(expected 0x[0-9a-f]+\)", "invalid VBR checksum 0x{HEX} (expected 0x{HEX})"),
+    (r"the checksum 0x[0-9a-f]+ of a file is wrong, expected: 0x[0-9a-f]+",
+     "the checksum 0x{HEX} of a file is wrong, expected: 0x{HEX}"),
+    (r"Invalid boot checksum \(boot checksum : 0x[0-9a-f]+, checksum : 0x[0-9a-f]+\)",
+     "Invalid boot checksum (boot checksum : 0x{HEX}, checksum : 0x{HEX})"),
+]]
+
+
+def with_placeholders(line):
+    for pattern, replacement in VOLATILE:
+        line = pattern.sub(replacement, line)
+    return line
 
 
 def line_matches(expected, actual):
@@ -816,8 +867,8 @@ def main():
     parser.add_argument("--emulator", default="", help="'|'-separated command that runs target programs")
     parser.add_argument("--scratch", required=True, help="a directory of the case's own")
     parser.add_argument("--machine", help="the directory of the running arm64 machine")
-    parser.add_argument("--kernel-cache", help="what test/kernel/fetch.sh fetched",
-                        default=os.path.join(os.path.dirname(HERE), "build", "kernel-cache"))
+    parser.add_argument("--kernel-cache", help="what test/kernel/fetch.sh fetched for the machine's release",
+                        default=os.path.join(os.path.dirname(HERE), "build", "kernel-cache", host_release()))
     parser.add_argument("--update", action="store_true", help="write the transcript to expect.out")
     args = parser.parse_args()
 
@@ -847,7 +898,7 @@ def main():
     expect_path = os.path.join(args.case, "expect.out")
     if args.update:
         with open(expect_path, "w") as f:
-            f.write("\n".join(case.transcript) + "\n")
+            f.write("\n".join(with_placeholders(line) for line in case.transcript) + "\n")
         return 0
     with open(expect_path) as f:
         expected = f.read().splitlines()
