@@ -126,7 +126,12 @@ kernels=$(apt_cache madison linux-image-arm64 | awk -F' [|] ' '{ print $2 }' |
       grep -o 'linux-image-[0-9][^ ,]*' | head -n 1
   done | awk '!seen[$0]++')
 [[ -n "$kernels" ]] || missing "the mirror has no linux-image-arm64 package for arm64"
+# The kernel fetched before stays until the cache is removed.
 package=
+if [[ -s "$cache/kernel-release" ]]; then
+  kept=linux-image-$(<"$cache/kernel-release")
+  grep -qx -- "$kept" <<<"$kernels" && kernels=$kept
+fi
 for candidate in $kernels; do
   kernel=${candidate#linux-image-}
   parts=$(apt_cache depends "$candidate" | sed -n 's/^ *Depends: \(linux-[a-z]*-.*\)$/\1/p' |
