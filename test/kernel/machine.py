@@ -6,11 +6,15 @@ cases"). Shell command lines run in it from the host.
 
     python3 test/kernel/machine.py start <cache> <tool> <scratch> [<guest path>=<host path> ...]
     python3 test/kernel/machine.py run <scratch> <shell command line>
+    python3 test/kernel/machine.py initramfs <cache> <tool> <out.cpio.gz> [<guest path>=<host path> ...]
     python3 test/kernel/machine.py stop <scratch>
 
 <cache> is what test/kernel/fetch.sh fetched for the release
 (build/kernel-cache/<release>). start exits with 77 when qemu or the
 release's kernel is missing, saying why; 1 under CI=true.
+
+initramfs makes the same initramfs with a shell on the serial port in
+place of the channel, for a lab's own jobs (lava/).
 
 The guest's serial port is the command channel, served by qemu as the unix
 socket <scratch>/channel.sock to one client at a time. A request is the
@@ -40,9 +44,10 @@ MODULES = ["virtio_mmio", "virtio_console", "loop", "exfat"]
 LIBRARY_DIRS = ["lib/aarch64-linux-gnu", "usr/lib/aarch64-linux-gnu"]
 LOADER = "ld-linux-aarch64.so.1"  # in /lib, where the binaries ask for it
 
-# PID 1 in the guest. Until the channel is up, what it prints goes to the
-# kernel log, so that a failing step shows in console.log.
-INIT = """#!/bin/sh
+# PID 1 in the guest: the same start for both kinds of initramfs. Until
+# the serial port is taken, what it prints goes to the kernel log, so that
+# a failing step shows in console.log.
+BOOT = """#!/bin/sh
 /bin/busybox mount -t devtmpfs dev /dev
 exec </dev/null >/dev/kmsg 2>&1
 /bin/busybox mount -t proc proc /proc
@@ -51,7 +56,19 @@ export PATH=/bin:/usr/bin:/usr/sbin
 mount -t sysfs sys /sys
 mount -t tmpfs -o size=1g tmp /tmp
 {insmod}
-exec <>/dev/ttyAMA0 >&0 2>/dev/null
+"""
+
+# A shell on the serial port, for a person or a lab's scheduler (LAVA).
+# The kernel's messages stay in its log (where the campaign reads them)
+# and off the console, where they would split the lines a scheduler reads.
+CONSOLE = BOOT + """dmesg -n 1
+export HOME=/root PS1='qvexfat-dut# '
+mkdir -p /root /var/tmp
+exec setsid cttyhack sh
+"""
+
+# The command channel that Machine drives.
+INIT = BOOT + """exec <>/dev/ttyAMA0 >&0 2>/dev/null
 stty raw -echo
 dmesg -c >/dev/null
 echo '@@qvx ready'
@@ -167,7 +184,7 @@ def host_release():
     return None
 
 
-def build_initramfs(cache, tool, path, extra=None):
+def build_initramfs(cache, tool, path, extra=None, init=None):
     cache = Path(cache)
     release = (cache / "kernel-release").read_text().strip()
     root = cache / "root"
@@ -204,7 +221,7 @@ def build_initramfs(cache, tool, path, extra=None):
     entries += [(f"lib/modules/{name}", 0o100644, module_bytes(module_dir / ko), 0)
                 for name, ko in zip(ko_names, kos)]
     insmod = "\n".join(f"insmod /lib/modules/{name}" for name in ko_names)
-    entries.append(("init", executable, INIT.format(insmod=insmod).encode(), 0))
+    entries.append(("init", executable, (init or INIT).format(insmod=insmod).encode(), 0))
     Path(path).write_bytes(gzip.compress(cpio(entries), compresslevel=6))
     # Beside its modules in the newest kernel packages.
     kernel = root / "boot" / f"vmlinuz-{release}"
@@ -426,6 +443,10 @@ def main(argv):
                 return 1
             print(f"machine: booted in {time.monotonic() - began:.1f} s; "
                   f"channel {Path(scratch).resolve() / 'channel.sock'}")
+            return 0
+        case ["initramfs", cache, tool, path, *files] if all("=" in f for f in files):
+            kernel = build_initramfs(cache, tool, path, dict(f.split("=", 1) for f in files), CONSOLE)
+            print(f"{path}: boots {kernel} to a shell on its serial port")
             return 0
         case ["run", scratch, command]:
             status, out, err = Machine.attach(scratch).run(command)
