@@ -14,13 +14,19 @@
 #                                      build/kernel-cache/<release>, never
 #                                      installed) to boot them on Linux's
 #                                      exFAT driver
+#   scripts/install-deps.sh --lava     also LAVA's lava-dispatcher (lava-run)
+#                                      and a TFTP server's configuration
+#                                      (tftpd-hpa), to run the example LAVA
+#                                      job (lava/) in the test suite
 set -euo pipefail
 
 aarch64=false
+lava=false
 for arg in "$@"; do
   case "$arg" in
     --aarch64) aarch64=true ;;
-    *) echo "usage: $0 [--aarch64]" >&2; exit 2 ;;
+    --lava) lava=true ;;
+    *) echo "usage: $0 [--aarch64] [--lava]" >&2; exit 2 ;;
   esac
 done
 
@@ -45,6 +51,14 @@ if $aarch64; then
   # tests; kmod's depmod indexes their modules, which zstd unpacks where a
   # kernel ships them so compressed.
   packages+=(qemu-system-arm kmod zstd)
+fi
+
+if $lava; then
+  # lava-run's tftp deploy checks for a TFTP server (in.tftpd) and its
+  # directory (/etc/default/tftpd-hpa); the job's qemu boots the files
+  # straight from that directory. git fetches the test definition, cpio
+  # repacks the ramdisk with LAVA's scripts.
+  packages+=(lava-dispatcher tftpd-hpa git cpio)
 fi
 
 # A plain name must be installed for the native architecture (or be

@@ -10,11 +10,12 @@
 # kernels of Debian 11, 12 and 13 under qemu-system-aarch64 (test/kernel/),
 # each with its own release's exfatprogs and busybox, to try the tool and
 # the campaign on Linux's own exFAT driver: the static programs where the
-# release is not this machine's own.
+# release is not this machine's own; and LAVA's lava-run runs the example
+# job of lava/ on Debian 12's kernel there.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/install-deps.sh --aarch64
+scripts/install-deps.sh --aarch64 --lava
 for preset in release sanitize aarch64-static aarch64 fuzz; do
   echo "=== $preset build ==="
   cmake --preset "$preset" >/dev/null

@@ -1,0 +1,174 @@
+#!/usr/bin/env python3
+"""Runs the example LAVA job lava/jobs/qemu-arm64.yaml for real, with
+Debian's lava-dispatcher (lava-run, no server), and checks what LAVA
+recorded against the KTAP the campaign printed in the job's log:
+
+- each result of the KTAP (a row <row>, a step <row>.<step>) is a test case
+  of the definition, with pass, fail or skip as KTAP says, and there are
+  no others but the case qvexfat-campaign;
+- the test set "stack" holds the cases kernel, checker and tool, whose
+  references are the KTAP's "# kernel:", "# checker:" and "# tool:";
+- a row known to fail on this stack, bitmap-cleared-under-file (the driver
+  gives a file's clusters to the next new file), is a failed case.
+
+It then compares what LAVA recorded, case by case, with expect.out
+(--update writes it). What it sets up and what labs do not need: the
+job's URLs point at the files made here (the kernel of the fetched
+Debian 12 machine, an initramfs of the static programs) and its repository
+at a git snapshot of lava/ as it is in the working tree, and lava-run gets
+the device configuration a server would render (qemu-device.yaml).
+
+    run-job.py <kernel-cache> <static-build> <scratch> [--update]
+
+Exit status 0 when all holds, 1 when not, 77 (1 under CI=true) when
+lava-run, a TFTP server's configuration, the kernel or the static build is
+missing.
+"""
+
+import os
+import re
+import shutil
+import subprocess
+import sys
+from pathlib import Path
+
+import yaml
+
+HERE = Path(__file__).resolve().parent
+SOURCE = HERE.parent.parent
+sys.path.insert(0, str(HERE.parent / "kernel"))
+sys.path.insert(0, str(HERE.parent))
+from machine import CONSOLE, build_initramfs, unavailable  # noqa: E402
+from run_case import compare  # noqa: E402
+
+DEFINITION = "0_qvexfat-campaign"
+FAILING_ROW = "bitmap-cleared-under-file"
+
+
+def missing(cache, static):
+    if not shutil.which("lava-run"):
+        return "lava-dispatcher is not installed (scripts/install-deps.sh --lava)"
+    if not Path("/etc/default/tftpd-hpa").is_file() or not shutil.which("in.tftpd"):
+        return "no TFTP server for lava-run's tftp deploy (tftpd-hpa; scripts/install-deps.sh --lava)"
+    for program in ["src/cli/qvexfat-test", "src/campaign/qvexfat-campaign"]:
+        if not (Path(static) / program).is_file():
+            return f"{Path(static) / program}: no such file (cmake --build --preset aarch64-static)"
+    return unavailable(cache)
+
+
+def make_job(cache, static, scratch):
+    """The example job with its URLs and repository on what is made here."""
+    kernel = build_initramfs(cache, Path(static) / "src/cli/qvexfat-test", scratch / "ramdisk.cpio.gz",
+                             {"/usr/bin/qvexfat-campaign": Path(static) / "src/campaign/qvexfat-campaign"},
+                             CONSOLE)
+    repository = scratch / "repository"
+    shutil.copytree(SOURCE / "lava", repository / "lava")
+    git = ["git", "-C", str(repository), "-c", "user.name=run-job", "-c", "user.email=run-job@localhost"]
+    for command in (["init", "-q"], ["add", "-A"], ["commit", "-q", "-m", "lava/ as tested"]):
+        subprocess.run(git + command, check=True)
+    job = yaml.safe_load((SOURCE / "lava/jobs/qemu-arm64.yaml").read_text())
+    for action in job["actions"]:
+        if "deploy" in action:
+            action["deploy"]["kernel"]["url"] = f"file://{kernel.resolve()}"
+            action["deploy"]["ramdisk"]["url"] = f"file://{scratch / 'ramdisk.cpio.gz'}"
+        if "test" in action:
+            action["test"]["definitions"][0]["repository"] = str(repository)
+    path = scratch / "job.yaml"
+    path.write_text(yaml.safe_dump(job, sort_keys=False))
+    return path
+
+
+def read_log(text):
+    """(the serial port's lines, LAVA's results) from lava-run's log."""
+    target, results = [], []
+    for line in text.splitlines():
+        if not line.startswith("{"):
+            continue
+        try:
+            entry = yaml.safe_load(line)
+        except yaml.YAMLError:
+            continue
+        if entry["lvl"] == "target" and isinstance(entry["msg"], str):
+            target.append(entry["msg"])
+        elif entry["lvl"] == "results":
+            results.append(entry["msg"])
+    return target, results
+
+
+def ktap_results(target):
+    """{case name: pass|fail|skip} and the stack of the KTAP in the log."""
+    begin = next(i for i, line in enumerate(target) if line.startswith("+ qvexfat-campaign --"))
+    end = next(i for i, line in enumerate(target) if line.startswith("+ qvexfat-campaign exited"))
+    cases, stack, row = {}, {}, None
+    for line in target[begin + 1:end]:
+        if m := re.match(r"# (kernel|checker|tool): (.*)", line):
+            stack.setdefault(m[1], m[2])
+        elif m := re.match(r"  # Subtest: (\S+)", line):
+            row = m[1]
+        elif m := re.match(r"(  )?(not )?ok \d+ (\S+)( # SKIP)?", line):
+            name = f"{row}.{m[3]}" if m[1] else m[3]
+            cases[name] = "skip" if m[4] else "fail" if m[2] else "pass"
+    return cases, stack
+
+
+def check(log):
+    target, results = read_log(log)
+    transcript = [f"job: {next((r['result'] for r in results if r.get('case') == 'job'), 'no result')}"]
+    ours = [r for r in results if r.get("definition") == DEFINITION]
+    lava = {r["case"]: r for r in ours}
+    try:
+        ktap, stack = ktap_results(target)
+    except StopIteration:
+        return transcript + ["the campaign's KTAP is not in the log"]
+    for key, value in stack.items():
+        reference = lava.get(key, {}).get("reference")
+        if reference != re.sub(r"^exfatprogs version : ", "exfatprogs ", value).replace(" ", "-"):
+            transcript.append(f"stack {key}: {reference!r} for {value!r}")
+    for name, result in ktap.items():
+        if lava.get(name, {}).get("result") != result:
+            transcript.append(f"{name}: {lava.get(name, {}).get('result', 'no case')} where KTAP says {result}")
+    extra = set(lava) - set(ktap) - set(stack) - {"qvexfat-campaign"}
+    transcript += [f"{name}: a case KTAP does not have" for name in sorted(extra)]
+    if lava.get(FAILING_ROW, {}).get("result") != "fail":
+        transcript.append(f"{FAILING_ROW}: not shown as failed")
+    for r in ours:
+        where = f"{r['set']}/" if "set" in r else ""
+        shown = re.sub(r"^(\d+\.\d+)\..*", r"Linux \1", r["reference"]) if r["case"] == "kernel" else r.get("reference")
+        transcript.append(f"{where}{r['case']}: {r['result']}" + (f" ({shown})" if shown else ""))
+    return transcript
+
+
+def main(argv):
+    update = "--update" in argv
+    argv = [a for a in argv if a != "--update"]
+    if len(argv) != 3:
+        print(__doc__.split("\n\n")[3], file=sys.stderr)
+        return 2
+    cache, static, scratch = argv[0], argv[1], Path(argv[2]).resolve()
+    reason = missing(cache, static)
+    if reason:
+        print(f"lava: cannot run the job: {reason}")
+        return 1 if os.environ.get("CI") == "true" else 77
+    shutil.rmtree(scratch, ignore_errors=True)
+    scratch.mkdir(parents=True)
+    job = make_job(cache, static, scratch)
+    run = subprocess.run(["lava-run", "--job-id", f"qvexfat-{os.getpid()}", "--output-dir", str(scratch / "out"),
+                          "--device", str(HERE / "qemu-device.yaml"), str(job)],
+                         capture_output=True, text=True, timeout=1500)
+    (scratch / "lava-run.log").write_text(run.stdout + run.stderr)
+    transcript = check(run.stdout + run.stderr)
+    expect = HERE / "expect.out"
+    if update:
+        expect.write_text("\n".join(transcript) + "\n")
+        return 0
+    diff = compare(expect.read_text().splitlines(), transcript)
+    if diff is None and run.returncode == 0:
+        shutil.rmtree(scratch, ignore_errors=True)
+        return 0
+    print(diff or f"lava-run exited with {run.returncode}")
+    print(f"lava-run's log: {scratch / 'lava-run.log'}")
+    return 1
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
