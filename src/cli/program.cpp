@@ -4,9 +4,9 @@
 #include <exception>
 
 #include "cli/command_line.h"
-#include "cli/device_branch.h"
 #include "cli/seed_random.h"
 #include "cli/volume_branch.h"
+#include "corrupt/device_mode.h"
 #include "platform/log_message.h"
 
 namespace {
@@ -15,7 +15,7 @@ namespace {
 int RunBranches(const CommandLineOptions& options) {
   try {
     int status = 0;
-    if (!options.device.empty()) RunDeviceBranch(options.device, options.corrupt);
+    if (!options.device.empty()) RunDeviceMode(options.device, options.corrupt);
     if (!options.volume.empty()) status = RunVolumeBranch(options.volume, options.action);
     return status;
   } catch (const std::exception& e) {
