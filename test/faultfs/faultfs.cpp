@@ -32,22 +32,24 @@ namespace {
 
 enum Fault { kNone, kStaleExtend, kForeignExtend, kWrongTruncateSize, kNoEnospc,
              kTruncateFreesWrong, kTruncateZeroesKept, kLongNames, kBadChars, kRenameLong,
-             kLoseEntry, kSharedCluster, kWrongStatSize };
+             kLoseEntry, kSharedCluster, kWrongStatSize, kStaleWriteSize };
 const char* const kFaultNames[] = {"none", "stale-extend", "foreign-extend",
     "wrong-truncate-size", "no-enospc", "truncate-frees-wrong", "truncate-zeroes-kept", "long-names", "bad-chars",
-    "rename-long", "lose-entry", "shared-cluster", "wrong-stat-size"};
-static_assert(std::size(kFaultNames) == kWrongStatSize + 1);
+    "rename-long", "lose-entry", "shared-cluster", "wrong-stat-size", "stale-write-size"};
+static_assert(std::size(kFaultNames) == kStaleWriteSize + 1);
 
 Fault fault = kNone;
 std::string bad_chars = "?|*:<>";  // bad-chars: the forbidden characters let through
 long lose_nth = 200;               // lose-entry: which creation in a directory is lost
 bool cut_names = false;            // rename-long=cut: a long new name keeps its first 255 bytes
+bool past_end_only = false;        // stale-write-size=past-end: only writes that leave a hole
 std::string root, spill;           // the backing directory; no-enospc's spill directory
 std::map<std::string, std::string> names;  // caller's path -> backing path, where not root + path
 long next_name = 0;
 
 // Per fault state, keyed by backing path.
-std::map<std::string, off_t> stale_size;  // wrong-truncate-size: the size stat keeps showing
+// wrong-truncate-size, stale-write-size: the size stat keeps showing
+std::map<std::string, off_t> stale_size;
 std::string tail_of;                      // stale-extend: the file a shrink cut last,
 off_t tail_at = 0;                        // where it cut,
 std::vector<char> tail;                   // and the bytes cut off
@@ -248,6 +250,7 @@ int Read(const char*, char* buf, size_t size, off_t offset, fuse_file_info* fi) 
 int Write(const char*, const char* buf, size_t size, off_t offset, fuse_file_info* fi) {
   Handle& h = H(fi);
   if (h.append) offset = SizeOf(h.fd);
+  const off_t old = SizeOf(h.fd);
   ssize_t n = pwrite(h.fd, buf, size, offset);
   if (n < 0 && errno == ENOSPC && fault == kNoEnospc && h.backing.rfind(root + "/", 0) == 0) {
     if (int r = SpillFile(h)) return r;
@@ -255,6 +258,10 @@ int Write(const char*, const char* buf, size_t size, off_t offset, fuse_file_inf
   }
   if (n < 0) return -errno;
   stale_size.erase(h.backing);
+  // stale-write-size: a write that grows the file leaves stat showing the
+  // size before it (=past-end: only a write that starts past the end).
+  if (fault == kStaleWriteSize && offset + n > old && (!past_end_only || offset > old))
+    stale_size[h.backing] = old;
   if (fault == kSharedCluster) ShareWrite(h, buf, static_cast<size_t>(n), offset);
   return static_cast<int>(n);
 }
@@ -278,6 +285,7 @@ int Truncate(const char* path, off_t size, fuse_file_info* fi) {
   if (result == 0 && fault == kForeignExtend && size > old)
     Report("foreign-extend", pwrite(fd, std::string(size - old, '\xA5').data(), size - old, old));
   if (result == 0 && fault == kWrongTruncateSize && size != old) stale_size[backing] = old;
+  if (result == 0 && fault == kStaleWriteSize) stale_size.erase(backing);
   struct statvfs vfs {};
   off_t cluster = statvfs(root.c_str(), &vfs) == 0 ? static_cast<off_t>(vfs.f_bsize) : 4096;
   if (result == 0 && fault == kTruncateFreesWrong &&
@@ -346,7 +354,8 @@ bool ParseFault(const std::string& text) {
   if (fault == kBadChars && !arg.empty()) bad_chars = arg;
   if (fault == kLoseEntry && !arg.empty()) lose_nth = atol(arg.c_str());
   cut_names = fault == kRenameLong && arg == "cut";
-  return lose_nth > 0 && (arg.empty() || fault == kBadChars || fault == kLoseEntry || cut_names);
+  past_end_only = fault == kStaleWriteSize && arg == "past-end";
+  return lose_nth > 0 && (arg.empty() || fault == kBadChars || fault == kLoseEntry || cut_names || past_end_only);
 }
 
 }  // namespace
