@@ -71,9 +71,12 @@ bool Fat::LoadUpcaseTable(uint64_t first_cluster, uint64_t data_length, uint32_t
   uint64_t checksum = 0;
   // A table read round a looping chain, or through sectors past the end of
   // the device, would be read as long as its length says, the same bytes
-  // over and over. Past as many bytes as the device holds and a table's
-  // worth more, it is taken to be of no use.
+  // over and over. Past as many bytes read as the device holds and a
+  // table's worth more, it is taken to be of no use. Only the bytes read
+  // count: the zeros past the device sector in a large sector cost nothing,
+  // so a table of few huge sectors is followed to its end.
   const uint64_t budget = static_cast<uint64_t>(m_device.SectorCount()) * kSectorBytes + 2 * kUpcaseTableEntries;
+  uint64_t read = 0;
   std::vector<uint8_t> sector(kSectorBytes);
   Prefetch(first_cluster, false, std::min<uint64_t>(data_length, budget));
   const bool walked = WalkSectors(
@@ -88,7 +91,8 @@ bool Fat::LoadUpcaseTable(uint64_t first_cluster, uint64_t data_length, uint32_t
         checksum = UpcaseChecksumZeros(checksum, zeros);
         expander.Expand(bytes, chunk.last && zeros == 0);
         expander.ExpandZeros(zeros / 2);  // the real bytes are even in number when zeros follow
-        return chunk.offset + chunk.bytes > budget ? Next::kGiveUp : Next::kGoOn;
+        read += bytes.size();
+        return read > budget ? Next::kGiveUp : Next::kGoOn;
       },
       // A looping table whose values have run past the table's end could
       // only keep running past it: it is of no use.
