@@ -203,6 +203,10 @@ class Mounts:
         os.makedirs(point, exist_ok=True)
         must(argv + [point])
         self.undo.append(["umount", point])
+        # A FUSE daemon finishes mounting (exfat-fuse marks the volume dirty
+        # then) when it answers the kernel's first request, which any access
+        # waits for; the case's next step must find the mount complete.
+        os.statvfs(point)
 
     def release(self):
         while self.undo:
@@ -562,9 +566,20 @@ class Case:
         """The campaigns that follow run as this user."""
         self.user = name
 
+    def image_now(self):
+        """The image's bytes, with what a mount on its loop device has written
+        but the device still caches flushed to the file first."""
+        if self.device and not self.guest:
+            fd = os.open(self.device, os.O_RDONLY)
+            try:
+                os.fsync(fd)
+            finally:
+                os.close(fd)
+        return self.image.read()
+
     def step_snapshot(self):
         """The image as it is now is what `changes` compares with."""
-        self.snapshot = self.image.read()
+        self.snapshot = self.image_now()
 
     # What the case looks at.
     def step_run(self, *argv):
@@ -630,7 +645,7 @@ class Case:
     def step_changes(self):
         """The bytes that changed since the setup, or since the last look."""
         self.record("$ changes")
-        before, after = self.snapshot, self.image.read()
+        before, after = self.snapshot, self.image_now()
         if len(before) != len(after):  # bytes past either end count as zeros
             self.record(f"size {len(before)} -> {len(after)}")
         end = max(len(before), len(after))
@@ -651,7 +666,7 @@ class Case:
                 at = run_end
         for line in lines or ["unchanged"]:
             self.record(line)
-        self.snapshot = self.image.read()
+        self.snapshot = self.image_now()
 
     def step_fsck(self):
         self.record("$ fsck.exfat -n {IMAGE}")
@@ -777,7 +792,7 @@ class Case:
                 raise CaseError(f"case.txt:{number}: {words[0]} cannot run "
                                 f"{'in' if self.guest else 'outside'} the machine")
             if self.snapshot is None and words[0] in STEPS_THAT_LOOK and self.image:
-                self.snapshot = self.image.read()
+                self.snapshot = self.image_now()
             step(*([line.split(None, 1)[1]] if words[0] == "sh" else words[1:]))
             if self.guest:
                 messages = self.guest.kernel_lines()
