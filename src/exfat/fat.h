@@ -98,21 +98,19 @@ class Fat {
     uint64_t rest;  // sectors of the cluster after this one that the walk will reach
   };
   using ClusterVisitor = std::function<void(uint64_t cluster)>;
-  // What a visitor makes of a sector: go on; pass over the rest of its
-  // cluster, which could change nothing; or give up, the structure being
-  // of no use (the walk fails).
-  enum class Next { kGoOn, kSkipCluster, kGiveUp };
+  // What a visitor makes of a sector: go on, or pass over the rest of its
+  // cluster, which the visitor has taken into account at once.
+  enum class Next { kGoOn, kSkipCluster };
   using SectorVisitor = std::function<Next(const SectorChunk& chunk)>;
   // Asked when the walk comes back to a cluster it has walked (the chain
   // loops), with the walk's offset and the bytes one lap of the loop
   // covers. A loop never fails, so the walk could only go round until its
   // length is used up: kSettled when nothing observable can come of that
-  // (the walk ends as it would then), kUnusable when the structure can be
-  // of no use (the walk fails).
-  enum class Lap { kGoOn, kSettled, kUnusable };
+  // (the walk ends as it would then).
+  enum class Lap { kGoOn, kSettled };
   using SettledCheck = std::function<Lap(uint64_t offset, uint64_t lap_bytes)>;
-  // Asked at the same point: how many whole laps may be left out, where
-  // every lap writes what the laps after it overwrite.
+  // Asked at the same point: how many whole laps may be left out, the
+  // visitors having taken them into account.
   using LapSkip = std::function<uint64_t(uint64_t offset, uint64_t lap_bytes, uint64_t left)>;
 
   // Walks the sectors of a structure of `length` bytes that starts at

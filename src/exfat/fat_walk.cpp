@@ -53,7 +53,6 @@ bool Fat::WalkSectors(uint64_t first_cluster, uint64_t length, const ClusterVisi
       const uint64_t rest = std::min((left - bytes + bytes_per_sector - 1) / bytes_per_sector,
                                      m_boot_sector.SectorsPerCluster() - 1 - k);
       const Next next = on_sector(SectorChunk{first_sector + k, offset, bytes, bytes == left, rest});
-      if (next == Next::kGiveUp) return false;
       offset += bytes;
       left -= bytes;
       if (next == Next::kSkipCluster) {

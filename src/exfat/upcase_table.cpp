@@ -1,65 +1,59 @@
-#include "exfat/upcase_table.h"
-
+// Loading the up-case table: its chain is walked to the table's length,
+// its bytes folded into the checksum and expanded into the table. The
+// walk reads as much as the device holds; what a length far past that
+// would feed again and again (a looping chain, sectors past the end of the
+// device, the zeros of sectors larger than a device sector) is fed in
+// closed form, so that the outcome is the one of every byte fed in turn.
 #include <algorithm>
+#include <optional>
 
 #include "exfat/boot_sector.h"
 #include "exfat/device_handle.h"
 #include "exfat/fat.h"
-#include "exfat/little_endian.h"
+#include "exfat/upcase_checksum.h"
+#include "exfat/upcase_expander.h"
 
 namespace {
 
-constexpr uint16_t kRunMarker = 0xFFFF;
+struct Loader {
+  UpcaseChecksum checksum;
+  UpcaseExpander expander;
+
+  // `bytes` read, then `zeros` zero bytes.
+  void Feed(std::span<const uint8_t> bytes, uint64_t zeros, bool last) {
+    checksum.Add(bytes);
+    checksum.AddZeros(zeros);
+    expander.Expand(bytes, last && zeros == 0);
+    expander.ExpandZeros(zeros / 2);  // the bytes read are even in number when zeros follow
+  }
+
+  // Feeds what `feed` feeds, `times` times over. A feeding leaves a run
+  // pending or not by its last value alone, so from the second on each
+  // starts as the one before.
+  template <typename FeedOnce>
+  void FeedRepeatedly(uint64_t stretch_bytes, uint64_t times, const FeedOnce& feed) {
+    const uint64_t tail = UpcaseChecksum::FeedsAfterRepeat(stretch_bytes);
+    if (times <= 2 + tail) {
+      for (; times > 0; --times) feed();
+      return;
+    }
+    feed();
+    const uint64_t before = checksum.Value();
+    expander.BeginStretch();
+    feed();
+    Repeat(stretch_bytes, before, expander.EndStretch(), times - 2 - tail);
+    for (uint64_t i = 0; i < tail; ++i) feed();
+  }
+
+  // `times` more feedings of a stretch that took the sum from `before` to
+  // where it is and did `seen` to the table.
+  void Repeat(uint64_t stretch_bytes, uint64_t before, const UpcaseExpander::Stretch& seen, uint64_t times) {
+    checksum.Repeat(stretch_bytes, before, checksum.Value(), times);
+    expander.Repeat(seen, times);
+  }
+};
 
 }  // namespace
-
-void UpcaseExpander::Store(uint16_t value) {
-  if (m_next_index < m_table.size()) m_table[m_next_index] = value;
-  ++m_next_index;
-}
-
-uint64_t UpcaseChecksumZeros(uint64_t acc, uint64_t count) {
-  // Above 32 bits the sum sheds a bit a step; below, a zero byte only
-  // rotates it right by one, 32 steps a full turn.
-  for (; count > 0 && acc > 0xFFFFFFFFu; --count) acc = UpcaseChecksumStep(acc, 0);
-  const unsigned turn = static_cast<unsigned>(count % 32);
-  return turn == 0 ? acc : ((acc >> turn) | (acc << (32 - turn))) & 0xFFFFFFFFu;
-}
-
-void UpcaseExpander::ExpandZeros(uint64_t values) {
-  if (values == 0) return;
-  if (m_run_pending) {  // a run of no entries
-    m_run_pending = false;
-    --values;
-  }
-  const uint64_t room = m_next_index < m_table.size() ? m_table.size() - m_next_index : 0;
-  std::fill_n(m_table.begin() + static_cast<ptrdiff_t>(m_table.size() - room), std::min(values, room), 0);
-  m_next_index += values;
-}
-
-void UpcaseExpander::Expand(std::span<const uint8_t> chunk, bool last) {
-  const size_t values = chunk.size() / 2;
-  for (size_t i = 0; i < values; ++i) {
-    const uint16_t value = static_cast<uint16_t>(ReadLe16(&chunk[2 * i]));
-    if (value == kRunMarker) {
-      if (last && i + 1 == values)
-        Store(kRunMarker);
-      else
-        m_run_pending = true;
-    } else if (m_run_pending) {
-      // Identity entries: entry i maps to i. The part of a run past the
-      // table's end is only counted: walking it entry by entry would let a
-      // long chain of runs keep the scan busy for hours.
-      const uint64_t room = m_next_index < m_table.size() ? m_table.size() - m_next_index : 0;
-      const uint64_t stored = std::min<uint64_t>(value, room);
-      for (uint64_t k = 0; k < stored; ++k) Store(static_cast<uint16_t>(m_next_index));
-      m_next_index += value - stored;
-      m_run_pending = false;
-    } else {
-      Store(value);
-    }
-  }
-}
 
 bool Fat::LoadUpcaseTable(uint64_t first_cluster, uint64_t data_length, uint32_t table_checksum) {
   const std::vector<uint16_t> before = std::move(m_upcase_table);
@@ -67,36 +61,66 @@ bool Fat::LoadUpcaseTable(uint64_t first_cluster, uint64_t data_length, uint32_t
   m_upcase_table.resize(kUpcaseTableEntries);
   for (size_t i = 0; i < kUpcaseTableEntries; ++i) m_upcase_table[i] = static_cast<uint16_t>(i);
 
-  UpcaseExpander expander(m_upcase_table);
-  uint64_t checksum = 0;
-  // A table read round a looping chain, or through sectors past the end of
-  // the device, would be read as long as its length says, the same bytes
-  // over and over. Past as many bytes read as the device holds and a
-  // table's worth more, it is taken to be of no use. Only the bytes read
-  // count: the zeros past the device sector in a large sector cost nothing,
-  // so a table of few huge sectors is followed to its end.
-  const uint64_t budget = static_cast<uint64_t>(m_device.SectorCount()) * kSectorBytes + 2 * kUpcaseTableEntries;
-  uint64_t read = 0;
+  Loader loader{{}, UpcaseExpander(m_upcase_table)};
+  const uint64_t bytes_per_sector = m_boot_sector.BytesPerSector();
+  const uint64_t device_sectors = static_cast<uint64_t>(m_device.SectorCount());
   std::vector<uint8_t> sector(kSectorBytes);
-  Prefetch(first_cluster, false, std::min<uint64_t>(data_length, budget));
+  // The sector buffer and the sum as they were the last time the walk came
+  // round to one cluster of a loop.
+  struct Mark {
+    uint64_t offset;
+    uint64_t sum;
+    std::vector<uint8_t> buffer;
+  };
+  std::optional<Mark> mark;
+
+  Prefetch(first_cluster, false, data_length);
   const bool walked = WalkSectors(
       first_cluster, data_length, [this](uint64_t cluster) { MarkChecked(cluster, true); },
       [&](const SectorChunk& chunk) {
         // A sector that cannot be read leaves the buffer as it was.
-        m_device.ReadSectors(1, chunk.sector, sector, chunk.rest);
+        const bool read = m_device.ReadSectors(1, chunk.sector, sector, chunk.rest);
         // The bytes past the device sector are zeros.
-        const std::span<const uint8_t> bytes(sector.data(), std::min(chunk.bytes, uint64_t{kSectorBytes}));
-        const uint64_t zeros = chunk.bytes - bytes.size();
-        for (uint8_t b : bytes) checksum = UpcaseChecksumStep(checksum, b);
-        checksum = UpcaseChecksumZeros(checksum, zeros);
-        expander.Expand(bytes, chunk.last && zeros == 0);
-        expander.ExpandZeros(zeros / 2);  // the real bytes are even in number when zeros follow
-        read += bytes.size();
-        return read > budget ? Next::kGiveUp : Next::kGoOn;
+        const uint64_t real = std::min(chunk.bytes, uint64_t{kSectorBytes});
+        const std::span<const uint8_t> bytes(sector.data(), real);
+        loader.Feed(bytes, chunk.bytes - real, chunk.last);
+        if (read || chunk.sector < device_sectors || chunk.rest == 0) return Next::kGoOn;
+        // The rest of the cluster lies past the end of the device too: each
+        // of its sectors feeds the same buffer again, the walk's very last
+        // one perhaps only in part.
+        const uint64_t left = data_length - chunk.offset - chunk.bytes;
+        const uint64_t whole = std::min(chunk.rest, left / bytes_per_sector);
+        loader.FeedRepeatedly(bytes_per_sector, whole,
+                              [&] { loader.Feed(sector, bytes_per_sector - kSectorBytes, false); });
+        if (whole < chunk.rest) {
+          const uint64_t part = left - whole * bytes_per_sector;
+          const uint64_t part_real = std::min(part, uint64_t{kSectorBytes});
+          loader.Feed(std::span(sector).first(part_real), part - part_real, true);
+        }
+        return Next::kSkipCluster;
       },
-      // A looping table whose values have run past the table's end could
-      // only keep running past it: it is of no use.
-      [&](uint64_t, uint64_t) { return expander.NextIndex() > m_upcase_table.size() ? Lap::kUnusable : Lap::kGoOn; });
+      [](uint64_t, uint64_t) { return Lap::kGoOn; },
+      // Round a loop, a lap that starts from the same cluster with the same
+      // buffer and pending run as the one before does what it did: the laps
+      // still to come but the last few are fed in closed form.
+      [&](uint64_t offset, uint64_t lap_bytes, uint64_t left) -> uint64_t {
+        if (mark && offset != mark->offset + lap_bytes) return 0;  // another cluster of the loop
+        const bool steady = mark && mark->buffer == sector;
+        const uint64_t before = mark ? mark->sum : 0;
+        if (mark) {
+          const UpcaseExpander::Stretch lap = loader.expander.EndStretch();
+          const uint64_t tail = UpcaseChecksum::FeedsAfterRepeat(lap_bytes);
+          if (steady && lap.pending_before == lap.pending_after && left / lap_bytes > tail) {
+            const uint64_t skipped = left / lap_bytes - tail;
+            loader.Repeat(lap_bytes, before, lap, skipped);
+            mark.reset();
+            return skipped;
+          }
+        }
+        mark = Mark{offset, loader.checksum.Value(), sector};
+        loader.expander.BeginStretch();
+        return 0;
+      });
   m_changes += m_upcase_table != before;
-  return walked && checksum == table_checksum;
+  return walked && loader.checksum.Value() == table_checksum;
 }
