@@ -646,6 +646,7 @@ class Case:
         """The bytes that changed since the setup, or since the last look."""
         self.record("$ changes")
         before, after = self.snapshot, self.image_now()
+        self.snapshot = after
         if len(before) != len(after):  # bytes past either end count as zeros
             self.record(f"size {len(before)} -> {len(after)}")
         end = max(len(before), len(after))
@@ -666,7 +667,6 @@ class Case:
                 at = run_end
         for line in lines or ["unchanged"]:
             self.record(line)
-        self.snapshot = self.image_now()
 
     def step_fsck(self):
         self.record("$ fsck.exfat -n {IMAGE}")

@@ -105,14 +105,12 @@ bool Fat::LoadUpcaseTable(uint64_t first_cluster, uint64_t data_length, uint32_t
       // still to come but the last few are fed in closed form.
       [&](uint64_t offset, uint64_t lap_bytes, uint64_t left) -> uint64_t {
         if (mark && offset != mark->offset + lap_bytes) return 0;  // another cluster of the loop
-        const bool steady = mark && mark->buffer == sector;
-        const uint64_t before = mark ? mark->sum : 0;
         if (mark) {
           const UpcaseExpander::Stretch lap = loader.expander.EndStretch();
           const uint64_t tail = UpcaseChecksum::FeedsAfterRepeat(lap_bytes);
-          if (steady && lap.pending_before == lap.pending_after && left / lap_bytes > tail) {
+          if (mark->buffer == sector && lap.pending_before == lap.pending_after && left / lap_bytes > tail) {
             const uint64_t skipped = left / lap_bytes - tail;
-            loader.Repeat(lap_bytes, before, lap, skipped);
+            loader.Repeat(lap_bytes, mark->sum, lap, skipped);
             mark.reset();
             return skipped;
           }
