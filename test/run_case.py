@@ -25,6 +25,7 @@ import hashlib
 import lzma
 import os
 import re
+import resource
 import shlex
 import shutil
 import signal
@@ -175,6 +176,12 @@ def mounts_unavailable():
         if not shutil.which(program):
             return f"{program} is not installed"
     return None
+
+
+def no_core_dumps():
+    """A program the campaign runs that dies of a signal leaves no core
+    file, and says the same whatever the machine's core settings."""
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
 
 
 def run(argv, **kwargs):
@@ -475,7 +482,7 @@ class Case:
             status, out, err = self.guest.run(command, self.timeout)
         else:
             result = subprocess.run(command, capture_output=True, env=env, timeout=self.timeout,
-                                    user=self.user)
+                                    user=self.user, preexec_fn=no_core_dumps)
             status, out, err = result.returncode, result.stdout, result.stderr
         self.record_output(out)
         self.record_output(b"".join(b"stderr: " + line + b"\n" for line in err.splitlines()))
@@ -486,7 +493,8 @@ class Case:
         `line`: what it printed but its progress, and its status."""
         self.record(f"$ qvexfat-campaign {' '.join(argv)} # {signal_name} at {line!r}")
         command, env = self.campaign_command(argv)
-        child = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=env)
+        child = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=env,
+                                 preexec_fn=no_core_dumps)
         said = []
         for text in child.stderr:
             said.append(text)

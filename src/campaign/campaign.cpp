@@ -1,25 +1,30 @@
 #include "campaign/campaign.h"
 
 #include <stdlib.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <memory>
 
-#include "campaign/child_process.h"
-#include "campaign/damage_row.h"
-#include "campaign/interrupt.h"
-#include "campaign/ktap_writer.h"
-#include "campaign/markdown_table.h"
+#include "campaign/machine/child.h"
+#include "campaign/machine/interrupt.h"
 #include "campaign/options.h"
 #include "campaign/preflight.h"
-#include "campaign/volume_row.h"
+#include "campaign/report/markdown.h"
+#include "campaign/report/reporter.h"
+#include "campaign/trial/damage_row.h"
+#include "campaign/trial/volume_row.h"
 #include "platform/errno_exception.h"
 
 namespace {
 
-constexpr int kCouldNotRun = 2;
+// kselftest's exit statuses: 4 for a run that cannot be made here.
+constexpr int kRefused = 2;
+constexpr int kSkipped = 4;
+// How long the campaign waits at its end for a process it adopted.
+constexpr std::chrono::seconds kStrayLimit{30};
 
 // The campaign's own directory for mount points, removed when it goes.
 class Workspace {
@@ -54,21 +59,22 @@ std::vector<std::string> Header(const CampaignOptions& options, const Stack& sta
   return header;
 }
 
-RowResult RunRow(Context& context, const Row& row) {
-  try {
-    return row.damage ? RunDamageRow(context, row) : RunVolumeRow(context, row);
-  } catch (const Interrupted&) {
-    throw;
-  } catch (const std::exception& e) {  // the campaign's own trouble: a loop device it could not set up
-    RowResult result;
-    result.name = row.name;
-    result.damage = row.damage;
-    result.error = e.what();
-    return result;
-  }
+uint32_t RunSeed() {
+  uint32_t seed = 0;
+  if (getrandom(&seed, sizeof seed, 0) != sizeof seed) seed = static_cast<uint32_t>(time(nullptr) ^ getpid());
+  return seed;
 }
 
-// Runs the rows; 0 when every row is ok, 1 when some row is not.
+// Waits for what the campaign adopted and is still there (a FUSE daemon
+// that has not let go of its loop device); false when one had to be killed.
+bool AwaitStrays() {
+  bool all_ended = true;
+  for (pid_t pid : AdoptedChildren()) all_ended = !AwaitChild(pid, kStrayLimit).TimedOut() && all_ended;
+  return all_ended;
+}
+
+// Runs the rows; 0 when every row is ok, 1 when some row is not, 128 + N
+// after signal N.
 int Campaign(const CampaignOptions& options, const std::vector<const Row*>& rows, const Stack& stack) {
   std::unique_ptr<FILE, int (*)(FILE*)> markdown(nullptr, fclose);
   if (!options.markdown.empty()) {
@@ -82,21 +88,40 @@ int Campaign(const CampaignOptions& options, const std::vector<const Row*>& rows
   const Workspace workspace;
   KernelLog kernel_log;
   Progress progress(rows.size());
-  Context context{options.driver, options.tool, options.checker, workspace.MountPoint(), *store, kernel_log,
-                  progress};
   KtapWriter ktap(stdout, Header(options, stack, *store), rows.size());
+  Reporter reporter(ktap, progress);
+  Context context{options.driver, options.tool,      options.checker, options.limits, workspace.MountPoint(),
+                  *store,         kernel_log,        RunSeed()};
 
-  std::vector<RowResult> results;
-  for (const Row* row : rows) {
-    ThrowIfInterrupted();
-    progress.BeginRow(row->name);
-    results.push_back(RunRow(context, *row));
-    ktap.Row(results.back());
+  int stopped_by = 0;
+  for (size_t i = 0; i < rows.size(); ++i) {
+    if (stopped_by == 0) stopped_by = PendingInterrupt();
+    if (stopped_by != 0) {
+      reporter.NotRun(*rows[i], Interrupted(stopped_by).what());
+      continue;
+    }
+    reporter.BeginRow(*rows[i]);
+    try {
+      const uint32_t seed = context.seed + static_cast<uint32_t>(i) * 1000;
+      if (rows[i]->damage) RunDamageRow(context, *rows[i], seed, reporter);
+      else RunVolumeRow(context, *rows[i], reporter);
+      reporter.EndRow();
+    } catch (const Interrupted& e) {  // by now what the row mounted and attached is undone
+      stopped_by = e.SignalNumber();
+      reporter.AbandonRow(e.what());
+    } catch (const std::exception& e) {  // the campaign's own trouble: a loop device it could not set up
+      reporter.AbandonRow(std::string("the campaign could not go on: ") + e.what());
+    }
   }
-  if (markdown) fputs(MarkdownTables(results).c_str(), markdown.get());
-  for (const RowResult& result : results)
-    if (!result.Ok()) return 1;
-  return 0;
+  if (markdown) fputs(MarkdownTables(reporter.Records()).c_str(), markdown.get());
+  if (!AwaitStrays()) ktap.Note("a process the campaign started did not end, and was killed");
+  if (stopped_by != 0) {
+    const std::string why = Interrupted(stopped_by).what();
+    ktap.Note(why + ": stopped, with what it mounted and attached undone");
+    fprintf(stderr, "qvexfat-campaign: %s\n", why.c_str());
+    return 128 + stopped_by;
+  }
+  return reporter.AllOk() ? 0 : 1;
 }
 
 }  // namespace
@@ -113,25 +138,24 @@ int RunCampaign(int argc, char* argv[]) {
     const std::string usage = Usage();
     fprintf(stderr, "qvexfat-campaign: %s\n%s(--help tells more)\n", error.c_str(),
             usage.substr(0, usage.find("\n\n") + 1).c_str());
-    return kCouldNotRun;
+    return kRefused;
   }
   Stack stack;
-  const std::string refusal = Preflight(options, rows, stack);
-  if (!refusal.empty()) {
-    fprintf(stderr, "qvexfat-campaign: %s\n", refusal.c_str());
-    return kCouldNotRun;
+  const Refusal refusal = Preflight(options, rows, stack);
+  if (!refusal.reason.empty()) {
+    if (refusal.missing_prerequisite) printf("KTAP version 1\n1..0 # SKIP %s\n", refusal.reason.c_str());
+    fprintf(stderr, "qvexfat-campaign: %s\n", refusal.reason.c_str());
+    return refusal.missing_prerequisite ? kSkipped : kRefused;
   }
   CatchInterrupts();
   BecomeSubreaper();
   try {
     return Campaign(options, rows, stack);
   } catch (const Interrupted& e) {
-    // By now every mount is undone and every loop device let go.
-    printf("# %s: stopped, with what it mounted and attached undone\n", e.what());
     fprintf(stderr, "qvexfat-campaign: %s\n", e.what());
     return 128 + e.SignalNumber();
   } catch (const std::exception& e) {
     fprintf(stderr, "qvexfat-campaign: %s\n", e.what());
-    return kCouldNotRun;
+    return kRefused;
   }
 }

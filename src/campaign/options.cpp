@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "campaign/scratch_store.h"
+#include "campaign/machine/scratch_store.h"
 
 namespace {
 
@@ -17,12 +17,30 @@ std::vector<std::string> SplitCommas(const std::string& text) {
   return names;
 }
 
+// "checker=60,mount=30": the time limits given, in seconds; false when the
+// text is not that.
+bool ParseLimits(const std::string& text, Limits& limits) {
+  for (const std::string& item : SplitCommas(text)) {
+    const size_t equals = item.find('=');
+    const std::string name = item.substr(0, equals);
+    const std::string value = equals == std::string::npos ? "" : item.substr(equals + 1);
+    if (value.empty() || value.find_first_not_of("0123456789") != std::string::npos || value.size() > 7) return false;
+    const std::chrono::seconds seconds(std::stol(value));
+    if (seconds.count() == 0) return false;
+    if (name == "checker") limits.checker = seconds;
+    else if (name == "mount") limits.mount = seconds;
+    else if (name == "test") limits.test = seconds;
+    else return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 std::string Usage() {
   std::string usage =
       "Usage: qvexfat-campaign [--driver kernel|fuse] [--only NAMES] [--markdown FILE]\n"
-      "                        [--tool PATH] [--fsck PATH] [--keep]\n"
+      "                        [--tool PATH] [--fsck PATH] [--keep] [--limits LIMITS]\n"
       "                        (--image FILE [--size SIZE] | --device DEV --yes)\n"
       "\n"
       "Damages, checks, mounts, reads, writes and repairs exFAT volumes, one fresh\n"
@@ -35,6 +53,8 @@ std::string Usage() {
       "  --only NAMES   comma-separated rows; \"damage\" and \"volume\" name the groups\n"
       "  --markdown F   the results as Markdown tables in F\n"
       "  --tool, --fsck the programs to try (qvexfat-test, fsck.exfat)\n"
+      "  --limits L     seconds a program may take before its step is TIMEOUT, as\n"
+      "                 checker=600,mount=300,test=3600 (the defaults)\n"
       "\n"
       "Rows:\n";
   for (const bool damage : {true, false}) {
@@ -49,7 +69,10 @@ std::string Usage() {
     }
     usage += line + "\n";
   }
-  return usage + "\nExit status: 0 every row ok, 1 some row not ok, 2 the campaign could not run.\n";
+  return usage +
+         "\nExit status: 0 every row ok, 1 some row not ok, 2 a usage error or a refused\n"
+         "device, 4 skipped (a prerequisite missing: root, a driver, loop devices or a\n"
+         "program), 128 + N stopped by signal N.\n";
 }
 
 CampaignOptions ParseOptions(int argc, char* argv[], std::string& error) {
@@ -59,7 +82,8 @@ CampaignOptions ParseOptions(int argc, char* argv[], std::string& error) {
       {"fsck", required_argument, nullptr, 'f'},     {"keep", no_argument, nullptr, 'k'},
       {"image", required_argument, nullptr, 'i'},   {"size", required_argument, nullptr, 's'},
       {"device", required_argument, nullptr, 'd'},  {"yes", no_argument, nullptr, 'y'},
-      {"help", no_argument, nullptr, 'h'},          {nullptr, 0, nullptr, 0},
+      {"limits", required_argument, nullptr, 'l'},  {"help", no_argument, nullptr, 'h'},
+      {nullptr, 0, nullptr, 0},
   };
   CampaignOptions options;
   opterr = 0;
@@ -73,7 +97,14 @@ CampaignOptions ParseOptions(int argc, char* argv[], std::string& error) {
       case 'o': options.only = SplitCommas(value); break;
       case 'm': options.markdown = value; break;
       case 't': options.tool = value; break;
-      case 'f': options.checker = value; break;
+      case 'f':
+        options.checker = value;
+        options.checker_given = true;
+        break;
+      case 'l':
+        if (!ParseLimits(value, options.limits))
+          error = "--limits takes checker=S,mount=S,test=S in seconds, not " + value;
+        break;
       case 'k': options.keep = true; break;
       case 'i': options.image = value; break;
       case 's':

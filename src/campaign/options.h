@@ -4,8 +4,9 @@
 #include <string>
 #include <vector>
 
-#include "campaign/mounting.h"
-#include "campaign/rows.h"
+#include "campaign/machine/mounts.h"
+#include "campaign/trial/context.h"
+#include "campaign/trial/rows.h"
 
 struct CampaignOptions {
   Driver driver = Driver::kKernel;
@@ -13,6 +14,8 @@ struct CampaignOptions {
   std::string markdown;
   std::string tool;     // empty: qvexfat-test beside the campaign, or on PATH
   std::string checker = "fsck.exfat";
+  bool checker_given = false;
+  Limits limits;
   bool keep = false;
   std::string image;
   uint64_t size = 0;  // 0: what the largest row needs

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "campaign/scratch_store.h"
+#include "campaign/machine/scratch_store.h"
 
 namespace {
 

@@ -4,16 +4,17 @@
 #include <limits.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
 
-#include "campaign/checker.h"
-#include "campaign/child_process.h"
-#include "campaign/device_checks.h"
-#include "campaign/scratch_store.h"
+#include "campaign/machine/child.h"
+#include "campaign/machine/device_checks.h"
+#include "campaign/machine/scratch_store.h"
+#include "campaign/trial/checker.h"
 #include "platform/unique_fd.h"
 
 namespace {
@@ -22,7 +23,11 @@ namespace {
 constexpr const char* kToolUsage = "[-d --device] <path> [-c --corrupt] <description-of-corruption> or";
 constexpr const char* kIdentification = "@(#)qvexfat-test ";
 
-bool Executable(const std::string& path) { return access(path.c_str(), X_OK) == 0; }
+// A regular file this process may run: a directory has X_OK too.
+bool Executable(const std::string& path) {
+  struct stat info {};
+  return stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) && access(path.c_str(), X_OK) == 0;
+}
 
 // The program as execvp would find it, or "".
 std::string Find(const std::string& name) {
@@ -37,6 +42,17 @@ std::string Find(const std::string& name) {
     start = end + 1;
   }
   return "";
+}
+
+// Why a program named on the command line cannot be run, or "".
+std::string NotRunnable(const std::string& option, const std::string& program) {
+  if (program.empty()) return option + " names no program";
+  if (!Find(program).empty()) return "";
+  struct stat info {};
+  if (program.find('/') == std::string::npos) return option + " " + program + ": no such program on PATH";
+  if (stat(program.c_str(), &info) != 0) return option + " " + program + ": no such file";
+  if (!S_ISREG(info.st_mode)) return option + " " + program + ": not a program (not a regular file)";
+  return option + " " + program + ": not executable";
 }
 
 // qvexfat-test in the campaign's own directory, else on PATH.
@@ -87,37 +103,40 @@ std::string Sizes(CampaignOptions& options, const std::vector<const Row*>& rows)
 
 }  // namespace
 
-std::string Preflight(CampaignOptions& options, const std::vector<const Row*>& rows, Stack& stack) {
+Refusal Preflight(CampaignOptions& options, const std::vector<const Row*>& rows, Stack& stack) {
+  const auto usage = [](const std::string& reason) { return Refusal{reason, false}; };
+  const auto skip = [](const std::string& reason) { return Refusal{reason, true}; };
   if (!options.device.empty() && !options.yes)
-    return "--device destroys everything on " + options.device + ": confirm with --yes";
-  if (geteuid() != 0) return "must run as root: it sets up loop devices and mounts volumes";
+    return usage("--device destroys everything on " + options.device + ": confirm with --yes");
+  if (!options.tool.empty())
+    if (std::string why = NotRunnable("--tool", options.tool); !why.empty()) return usage(why);
+  if (options.checker_given)
+    if (std::string why = NotRunnable("--fsck", options.checker); !why.empty()) return usage(why);
 
+  if (geteuid() != 0) return skip("must run as root: it sets up loop devices and mounts volumes");
   if (options.tool.empty()) options.tool = DefaultTool();
-  if (options.tool.empty()) return "qvexfat-test is neither beside qvexfat-campaign nor on PATH (--tool)";
-  std::vector<std::string> programs{"mkfs.exfat", options.checker, options.tool};
-  if (options.driver == Driver::kFuse) programs.push_back("mount.exfat-fuse");
-  for (const std::string& program : programs)
-    if (Find(program).empty()) return program + ": no such program" + (program.find('/') == std::string::npos ? " on PATH" : "");
-  const ChildOutcome usage = RunProgram({options.tool}, std::chrono::seconds(60));
-  if (usage.exit_code != 1 || usage.output.find("Usage: ") == std::string::npos ||
-      usage.output.find(kToolUsage) == std::string::npos)
-    return options.tool + " is not qvexfat-test: run without arguments, it does not print qvexfat-test's usage";
-
+  if (options.tool.empty()) return skip("qvexfat-test is neither beside qvexfat-campaign nor on PATH (--tool)");
+  std::vector<std::string> needed{"mkfs.exfat", options.checker};
+  if (options.driver == Driver::kFuse) needed.push_back("mount.exfat-fuse");
+  for (const std::string& program : needed)
+    if (Find(program).empty()) return skip(program + ": no such program on PATH");
   if (options.driver == Driver::kKernel && !KernelHas("exfat"))
-    return "the kernel has no exfat driver loaded (not in /proc/filesystems): modprobe exfat, or --driver fuse";
+    return skip("the kernel has no exfat driver loaded (not in /proc/filesystems): modprobe exfat, or --driver fuse");
   if (options.driver == Driver::kFuse && (access("/dev/fuse", R_OK | W_OK) != 0 || !KernelHas("fuseblk")))
-    return "FUSE is not available: no /dev/fuse, or no fuseblk in /proc/filesystems";
-  if (access("/dev/loop-control", R_OK | W_OK) != 0) return "/dev/loop-control is missing: no loop device support";
-  if (access("/dev/kmsg", R_OK) != 0) return "/dev/kmsg cannot be read: the kernel's reports would go unseen";
+    return skip("FUSE is not available: no /dev/fuse, or no fuseblk in /proc/filesystems");
+  if (access("/dev/loop-control", R_OK | W_OK) != 0) return skip("/dev/loop-control is missing: no loop device support");
+  if (access("/dev/kmsg", R_OK) != 0) return skip("/dev/kmsg cannot be read: the kernel's reports would go unseen");
 
+  const ProgramRun tool = RunProgram({options.tool}, std::chrono::seconds(60));
+  if (!tool.end.Exited(1) || tool.output.find("Usage: ") == std::string::npos ||
+      tool.output.find(kToolUsage) == std::string::npos)
+    return usage(options.tool + " is not qvexfat-test: run without arguments, it does not print qvexfat-test's usage");
   if (!options.device.empty()) {
-    const std::string refusal = DeviceRefusal(options.device);
-    if (!refusal.empty()) return refusal;
+    if (std::string refusal = DeviceRefusal(options.device); !refusal.empty()) return usage(refusal);
   } else if (access(options.image.c_str(), F_OK) == 0) {
-    return options.image + " exists: the campaign makes its image itself";
+    return usage(options.image + " exists: the campaign makes its image itself");
   }
-  const std::string too_small = Sizes(options, rows);
-  if (!too_small.empty()) return too_small;
+  if (std::string too_small = Sizes(options, rows); !too_small.empty()) return usage(too_small);
 
   utsname names{};
   uname(&names);
@@ -128,5 +147,5 @@ std::string Preflight(CampaignOptions& options, const std::vector<const Row*>& r
     const std::vector<std::string> lines = RunProgram({"mount.exfat-fuse", "-V"}, std::chrono::seconds(60)).Lines();
     stack.fuse = lines.empty() ? "unknown version" : lines.front();
   }
-  return "";
+  return {};
 }

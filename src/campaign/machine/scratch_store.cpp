@@ -1,0 +1,62 @@
+#include "campaign/machine/scratch_store.h"
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "platform/errno_exception.h"
+
+ScratchStore::ScratchStore(std::string path, UniqueFd fd, uint64_t size, bool image)
+    : m_path(std::move(path)), m_fd(std::move(fd)), m_size(size), m_image(image) {}
+
+std::unique_ptr<ScratchStore> ScratchStore::CreateImage(const std::string& path, uint64_t size) {
+  UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  if (!fd.IsOpen()) throw ErrnoException(errno, path);
+  std::unique_ptr<ScratchStore> store(new ScratchStore(path, std::move(fd), size, true));
+  if (ftruncate(store->m_fd.Get(), static_cast<off_t>(size)) != 0) throw ErrnoException(errno, path);
+  return store;
+}
+
+std::unique_ptr<ScratchStore> ScratchStore::OpenDevice(const std::string& path) {
+  UniqueFd fd(open(path.c_str(), O_RDWR | O_EXCL | O_CLOEXEC));
+  if (!fd.IsOpen()) throw ErrnoException(errno, path);
+  uint64_t size = 0;
+  if (ioctl(fd.Get(), BLKGETSIZE64, &size) != 0) throw ErrnoException(errno, path);
+  return std::unique_ptr<ScratchStore>(new ScratchStore(path, std::move(fd), size, false));
+}
+
+ScratchStore::~ScratchStore() {
+  if (m_image && !m_keep) unlink(m_path.c_str());
+}
+
+std::unique_ptr<LoopDevice> ScratchStore::FreshVolume(uint64_t size) {
+  if (m_image && (ftruncate(m_fd.Get(), 0) != 0 || ftruncate(m_fd.Get(), static_cast<off_t>(m_size)) != 0))
+    throw ErrnoException(errno, m_path);
+  return std::make_unique<LoopDevice>(m_fd.Get(), size, !m_image);
+}
+
+void ScratchStore::DropCaches() const {
+  if (!m_image) ioctl(m_fd.Get(), BLKFLSBUF, 0);
+}
+
+uint64_t ParseSize(const std::string& text) {
+  char* end = nullptr;
+  errno = 0;
+  const unsigned long long number = strtoull(text.c_str(), &end, 10);
+  if (errno != 0 || end == text.c_str() || text[0] == '-') return 0;
+  const std::string unit = end;
+  const int shift = unit.empty() ? 0 : unit == "K" || unit == "k" ? 10 : unit == "M" || unit == "m" ? 20
+                                     : unit == "G" || unit == "g" ? 30 : -1;
+  if (shift < 0 || number > (~0ull >> shift)) return 0;
+  return number << shift;
+}
+
+std::string FormatSize(uint64_t bytes) {
+  for (const auto& [shift, unit] : {std::pair{30, "G"}, {20, "M"}, {10, "K"}})
+    if (bytes != 0 && bytes % (uint64_t{1} << shift) == 0) return std::to_string(bytes >> shift) + unit;
+  return std::to_string(bytes);
+}

@@ -1,0 +1,77 @@
+#include "campaign/report/markdown.h"
+
+#include <algorithm>
+
+#include "campaign/machine/kernel_log.h"
+
+namespace {
+
+constexpr const char* kNotRun = "—";
+
+std::string Cell(const std::string& text) {
+  std::string cell;
+  for (char c : text) cell += c == '|' ? std::string("\\|") : std::string(1, c);
+  return cell.empty() ? kNotRun : cell;
+}
+
+std::string StepCell(const RowRecord& row, const std::string& name) {
+  for (const StepObservation& step : row.steps)
+    if (step.name == name) return Cell(step.cell);
+  return kNotRun;
+}
+
+// Every distinct message of the row in short, bug reports in bold.
+std::string KernelCell(const RowRecord& row) {
+  std::vector<std::string> seen;
+  std::string cell;
+  for (const StepObservation& step : row.steps) {
+    for (const KernelMessage& message : step.kernel.messages) {
+      std::string text = ShortKernelMessage(message.text);
+      if (std::find(seen.begin(), seen.end(), text) != seen.end()) continue;
+      seen.push_back(text);
+      if (message.kind == KernelClass::kBug) text = "**" + text + "**";
+      cell += (cell.empty() ? "" : "; ") + text;
+    }
+  }
+  return cell.empty() ? kNotRun : Cell(cell);
+}
+
+std::string VerdictCell(const RowRecord& row) {
+  if (row.verdict.directive == "SKIP") return Cell("skipped: " + row.said);
+  if (row.verdict.ok) return "ok";
+  std::string reasons;
+  for (const Verdict& step : row.verdicts)
+    for (const std::string& reason : step.reasons) reasons += "<br>" + reason;
+  if (row.steps.empty() || reasons.empty()) reasons = "<br>" + row.said;
+  return Cell("**not ok" + (row.verdict.directive.empty() ? "" : " (" + row.verdict.directive + ")") + "**" + reasons);
+}
+
+std::string Line(const std::vector<std::string>& cells) {
+  std::string line = "|";
+  for (const std::string& cell : cells) line += " " + cell + " |";
+  return line + "\n";
+}
+
+}  // namespace
+
+std::string MarkdownTables(const std::vector<RowRecord>& rows) {
+  std::string damage, volume;
+  for (const RowRecord& row : rows) {
+    const std::string name = "`" + row.row->name + "`";
+    if (row.row->damage) {
+      damage += Line({name, StepCell(row, "check"), StepCell(row, "mount"), StepCell(row, "read"),
+                      StepCell(row, "write"), StepCell(row, "repair"), KernelCell(row), VerdictCell(row)});
+    } else {
+      volume += Line({name, StepCell(row, "run"), StepCell(row, "check"), KernelCell(row), VerdictCell(row)});
+    }
+  }
+  std::string tables;
+  if (!damage.empty())
+    tables += "| damage | caught? | mount | read | write | repair | kernel log | verdict |\n"
+              "|---|---|---|---|---|---|---|---|\n" + damage;
+  if (!damage.empty() && !volume.empty()) tables += "\n";
+  if (!volume.empty())
+    tables += "| test | run | fsck.exfat -n after | kernel log | verdict |\n"
+              "|---|---|---|---|---|\n" + volume;
+  return tables;
+}

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "campaign/trial/known_tree.h"
+#include "campaign/trial/volume_layout.h"
+
+// What the damage of a row is, aimed at a volume: the description for
+// `qvexfat-test -d DEV -c` and the files whose bytes or entries it hits
+// (a repair may cut those short or lose them), or, when the volume has
+// nothing for it to hit, why not.
+struct Aim {
+  std::string description;
+  std::string why_not;
+  std::vector<std::string> hits;  // labels of the known tree's files, "new" for the file written after it
+};
+
+// One row of the campaign: a damage tried on a volume of the known tree,
+// or one of the tool's volume tests and actions.
+struct Row {
+  std::string name;
+  bool damage;
+  uint64_t volume_bytes;
+  uint64_t cluster_bytes;
+  // Damage rows: where the known tree goes ("" for the root itself) and how
+  // the damage is aimed from the volume's layout.
+  std::string tree_base;
+  Aim (*aim)(const VolumeLayout& layout, const KnownTree& tree);
+};
+
+// Every row, the damage rows first, in the order they run.
+const std::vector<Row>& AllRows();
+
+// The steps of a row, in order: its KTAP plan.
+std::vector<std::string> StepNames(const Row& row);
