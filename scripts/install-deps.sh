@@ -37,6 +37,9 @@ packages=(
   util-linux dpkg-dev groff-base python3 lintian
   clang libclang-rt-14-dev
   hyperfine time
+  # The kernel's own KTAP parser (tools/testing/kunit/kunit_parser.py),
+  # which the campaign cases read every transcript with.
+  linux-source-6.1 xz-utils
 )
 if $aarch64; then
   # libc6:arm64 is what qemu-user runs the target programs with;
@@ -85,7 +88,17 @@ fetch_kernels() {
     done
   fi
 }
+# The parser's two files, unpacked once into build/kunit-parser.
+unpack_kunit_parser() {
+  local target
+  target="$(dirname "$0")/../build/kunit-parser"
+  [[ -f "$target/kunit_parser.py" ]] && return
+  mkdir -p "$target"
+  tar -xJf /usr/src/linux-source-6.1.tar.xz -C "$target" --strip-components=4 \
+    --wildcards 'linux-source-6.1/tools/testing/kunit/kunit_p*.py'
+}
 if [[ ${#missing[@]} -eq 0 ]]; then
+  unpack_kunit_parser
   fetch_kernels
   exit 0
 fi
@@ -106,4 +119,5 @@ export DEBIAN_FRONTEND=noninteractive
 "${as_root[@]}" apt-get update -qq
 "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
   apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+unpack_kunit_parser
 fetch_kernels

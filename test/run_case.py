@@ -37,6 +37,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "kernel"))
 from machine import Machine, host_release, unavailable  # noqa: E402
 import campaign_tables  # noqa: E402
+import ktap_check  # noqa: E402
 SKIP = 77
 NAME_PATTERN = ("abcdefghijklmnopqrstuvwxyz" "ABCDEFGHIJKLMNOPQRSTUVWXYZ") * 5
 
@@ -485,8 +486,19 @@ class Case:
                                     user=self.user, preexec_fn=no_core_dumps)
             status, out, err = result.returncode, result.stdout, result.stderr
         self.record_output(out)
+        self.check_ktap(out)
         self.record_output(b"".join(b"stderr: " + line + b"\n" for line in err.splitlines()))
         self.record_status(status)
+
+    def check_ktap(self, out):
+        """What the kernel's own KTAP parser makes of the campaign's
+        output, when it trips over anything: "ktap: ..." lines."""
+        missing = ktap_check.parser_missing()
+        if missing and os.environ.get("CI") == "true":
+            raise CaseError(missing)
+        if not missing and out.strip():
+            for problem in ktap_check.problems(out.decode(errors="replace")):
+                self.record(problem)
 
     def step_interrupt(self, signal_name, line, *argv):
         """The campaign, sent the signal once its standard error says
@@ -503,6 +515,7 @@ class Case:
                 break
         out, err = child.communicate(timeout=self.timeout)
         self.record_output(out)
+        self.check_ktap(out)
         self.record_output(b"".join(b"stderr: " + text + b"\n" for text in (b"".join(said) + err).splitlines()
                                     if not text.startswith(b"[")))
         self.record_status(child.returncode)

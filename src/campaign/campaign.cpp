@@ -59,10 +59,23 @@ std::vector<std::string> Header(const CampaignOptions& options, const Stack& sta
   return header;
 }
 
-uint32_t RunSeed() {
+// The seed of the run's file contents. On a scratch device it is drawn
+// anew each run, so that a card that drops writes cannot show an earlier
+// run's bytes as the right ones; an image is made empty for each row, and
+// a fixed seed keeps what the checker prints of the bytes the same from
+// run to run.
+uint32_t RunSeed(const ScratchStore& store) {
   uint32_t seed = 0;
-  if (getrandom(&seed, sizeof seed, 0) != sizeof seed) seed = static_cast<uint32_t>(time(nullptr) ^ getpid());
+  if (!store.IsImage() && getrandom(&seed, sizeof seed, 0) != sizeof seed)
+    seed = static_cast<uint32_t>(time(nullptr) ^ getpid());
   return seed;
+}
+
+// A row's own seed: no two rows write the same bytes, whichever run.
+uint32_t RowSeed(uint32_t run_seed, const Row& row) {
+  uint32_t hash = 2166136261u;  // FNV-1a
+  for (const char c : row.name) hash = (hash ^ static_cast<uint8_t>(c)) * 16777619u;
+  return run_seed ^ (hash & ~0xffu);  // the tree's files take the seeds above it
 }
 
 // Waits for what the campaign adopted and is still there (a FUSE daemon
@@ -91,7 +104,7 @@ int Campaign(const CampaignOptions& options, const std::vector<const Row*>& rows
   KtapWriter ktap(stdout, Header(options, stack, *store), rows.size());
   Reporter reporter(ktap, progress);
   Context context{options.driver, options.tool,      options.checker, options.limits, workspace.MountPoint(),
-                  *store,         kernel_log,        RunSeed()};
+                  *store,         kernel_log,        RunSeed(*store)};
 
   int stopped_by = 0;
   for (size_t i = 0; i < rows.size(); ++i) {
@@ -102,8 +115,7 @@ int Campaign(const CampaignOptions& options, const std::vector<const Row*>& rows
     }
     reporter.BeginRow(*rows[i]);
     try {
-      const uint32_t seed = context.seed + static_cast<uint32_t>(i) * 1000;
-      if (rows[i]->damage) RunDamageRow(context, *rows[i], seed, reporter);
+      if (rows[i]->damage) RunDamageRow(context, *rows[i], RowSeed(context.seed, *rows[i]), reporter);
       else RunVolumeRow(context, *rows[i], reporter);
       reporter.EndRow();
     } catch (const Interrupted& e) {  // by now what the row mounted and attached is undone

@@ -113,6 +113,9 @@ def cpio(entries):
 
 
 def needed_libraries(path):
+    with open(path, "rb") as f:
+        if f.read(4) != b"\x7fELF":  # a script
+            return []
     readelf = shutil.which("aarch64-linux-gnu-readelf") or "readelf"
     dynamic = subprocess.run([readelf, "-d", path], capture_output=True,
                              text=True, check=True).stdout

@@ -9,7 +9,12 @@ recorded against the KTAP the campaign printed in the job's log:
 - the test set "stack" holds the cases kernel, checker and tool, whose
   references are the KTAP's "# kernel:", "# checker:" and "# tool:";
 - a row known to fail on this stack, bitmap-cleared-under-file (the driver
-  gives a file's clusters to the next new file), is a failed case.
+  gives a file's clusters to the next new file), is a failed case;
+- a second run of the definition, whose campaign is stopped with SIGTERM
+  as its second row begins (test/lava/interrupted-campaign.sh stands in
+  for the campaign on the board), has its first row, the interrupted row
+  as failed and the rows not reached as skipped, each sent to LAVA as its
+  line came, and the case qvexfat-campaign failed.
 
 It then compares what LAVA recorded, case by case, with expect.out
 (--update writes it). What it sets up and what labs do not need: the
@@ -41,8 +46,10 @@ sys.path.insert(0, str(HERE.parent))
 from machine import CONSOLE, build_initramfs, unavailable  # noqa: E402
 from run_case import compare  # noqa: E402
 
-DEFINITION = "0_qvexfat-campaign"
+DEFINITIONS = ["0_qvexfat-campaign", "1_qvexfat-campaign-interrupted"]
 FAILING_ROW = "bitmap-cleared-under-file"
+# The rows of the interrupted run: the second is stopped as it begins.
+INTERRUPTED_ROWS = "backup-boot-region,root-entry-unused,upcase"
 
 
 def missing(cache, static):
@@ -59,7 +66,8 @@ def missing(cache, static):
 def make_job(cache, static, scratch):
     """The example job with its URLs and repository on what is made here."""
     kernel = build_initramfs(cache, Path(static) / "src/cli/qvexfat-test", scratch / "ramdisk.cpio.gz",
-                             {"/usr/bin/qvexfat-campaign": Path(static) / "src/campaign/qvexfat-campaign"},
+                             {"/usr/libexec/qvexfat-campaign": Path(static) / "src/campaign/qvexfat-campaign",
+                              "/usr/bin/qvexfat-campaign": HERE / "interrupted-campaign.sh"},
                              CONSOLE)
     repository = scratch / "repository"
     shutil.copytree(SOURCE / "lava", repository / "lava")
@@ -72,7 +80,11 @@ def make_job(cache, static, scratch):
             action["deploy"]["kernel"]["url"] = f"file://{kernel.resolve()}"
             action["deploy"]["ramdisk"]["url"] = f"file://{scratch / 'ramdisk.cpio.gz'}"
         if "test" in action:
-            action["test"]["definitions"][0]["repository"] = str(repository)
+            definitions = action["test"]["definitions"]
+            definitions[0]["repository"] = str(repository)
+            interrupted = dict(definitions[0], name="qvexfat-campaign-interrupted")
+            interrupted["parameters"] = dict(interrupted.get("parameters", {}), ONLY=INTERRUPTED_ROWS)
+            definitions.append(interrupted)
     path = scratch / "job.yaml"
     path.write_text(yaml.safe_dump(job, sort_keys=False))
     return path
@@ -95,31 +107,33 @@ def read_log(text):
     return target, results
 
 
-def ktap_results(target):
-    """{case name: pass|fail|skip} and the stack of the KTAP in the log."""
-    begin = next(i for i, line in enumerate(target) if line.startswith("+ qvexfat-campaign --"))
-    end = next(i for i, line in enumerate(target) if line.startswith("+ qvexfat-campaign exited"))
-    cases, stack, row = {}, {}, None
-    for line in target[begin + 1:end]:
-        if m := re.match(r"# (kernel|checker|tool): (.*)", line):
+def ktap_runs(target):
+    """For each run of the campaign in the log, in order: {case name:
+    pass|fail|skip} and the stack its KTAP says."""
+    runs, cases, stack, row = [], None, {}, None
+    for line in target:
+        if line.startswith("+ qvexfat-campaign --"):
+            cases, stack, row = {}, {}, None
+        elif line.startswith("+ qvexfat-campaign exited") and cases is not None:
+            runs.append((cases, stack))
+            cases = None
+        elif cases is None:
+            continue
+        elif m := re.match(r"# (kernel|checker|tool): (.*)", line):
             stack.setdefault(m[1], m[2])
         elif m := re.match(r"  # Subtest: (\S+)", line):
             row = m[1]
         elif m := re.match(r"(  )?(not )?ok \d+ (\S+)( # SKIP)?", line):
             name = f"{row}.{m[3]}" if m[1] else m[3]
             cases[name] = "skip" if m[4] else "fail" if m[2] else "pass"
-    return cases, stack
+    return runs
 
 
-def check(log):
-    target, results = read_log(log)
-    transcript = [f"job: {next((r['result'] for r in results if r.get('case') == 'job'), 'no result')}"]
-    ours = [r for r in results if r.get("definition") == DEFINITION]
+def check_run(definition, results, ktap, stack):
+    """What LAVA recorded for one run of the definition against its KTAP."""
+    transcript = []
+    ours = [r for r in results if r.get("definition") == definition]
     lava = {r["case"]: r for r in ours}
-    try:
-        ktap, stack = ktap_results(target)
-    except StopIteration:
-        return transcript + ["the campaign's KTAP is not in the log"]
     for key, value in stack.items():
         reference = lava.get(key, {}).get("reference")
         if reference != re.sub(r"^exfatprogs version : ", "exfatprogs ", value).replace(" ", "-"):
@@ -129,13 +143,29 @@ def check(log):
             transcript.append(f"{name}: {lava.get(name, {}).get('result', 'no case')} where KTAP says {result}")
     extra = set(lava) - set(ktap) - set(stack) - {"qvexfat-campaign"}
     transcript += [f"{name}: a case KTAP does not have" for name in sorted(extra)]
-    if lava.get(FAILING_ROW, {}).get("result") != "fail":
-        transcript.append(f"{FAILING_ROW}: not shown as failed")
     for r in ours:
         where = f"{r['set']}/" if "set" in r else ""
         shown = re.sub(r"^(\d+\.\d+)\..*", r"Linux \1", r["reference"]) if r["case"] == "kernel" else r.get("reference")
-        transcript.append(f"{where}{r['case']}: {r['result']}" + (f" ({shown})" if shown else ""))
-    return transcript
+        transcript.append(f"{definition}: {where}{r['case']}: {r['result']}" + (f" ({shown})" if shown else ""))
+    return transcript, lava
+
+
+def check(log):
+    target, results = read_log(log)
+    transcript = [f"job: {next((r['result'] for r in results if r.get('case') == 'job'), 'no result')}"]
+    runs = ktap_runs(target)
+    if len(runs) != len(DEFINITIONS):
+        return transcript + [f"{len(runs)} runs of the campaign in the log, not {len(DEFINITIONS)}"]
+    whole, lava = check_run(DEFINITIONS[0], results, *runs[0])
+    if lava.get(FAILING_ROW, {}).get("result") != "fail":
+        whole.append(f"{FAILING_ROW}: not shown as failed")
+    interrupted, lava = check_run(DEFINITIONS[1], results, *runs[1])
+    rows = INTERRUPTED_ROWS.split(",")
+    wanted = {rows[1]: "fail", rows[2]: "skip", "qvexfat-campaign": "fail"}
+    for name, result in wanted.items():
+        if lava.get(name, {}).get("result") != result or rows[0] not in lava:
+            interrupted.append(f"the interrupted run: {name} is not {result}, or {rows[0]} is missing")
+    return transcript + whole + interrupted
 
 
 def main(argv):
