@@ -3,12 +3,21 @@
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 
 #include "platform/errno_exception.h"
+
+namespace {
+
+// Less room than this left for a sparse image, and a row's writes may not
+// have found room.
+constexpr uint64_t kLeastFree = 1 << 20;
+
+}  // namespace
 
 ScratchStore::ScratchStore(std::string path, UniqueFd fd, uint64_t size, bool image)
     : m_path(std::move(path)), m_fd(std::move(fd)), m_size(size), m_image(image) {}
@@ -37,6 +46,14 @@ std::unique_ptr<LoopDevice> ScratchStore::FreshVolume(uint64_t size) {
   if (m_image && (ftruncate(m_fd.Get(), 0) != 0 || ftruncate(m_fd.Get(), static_cast<off_t>(m_size)) != 0))
     throw ErrnoException(errno, m_path);
   return std::make_unique<LoopDevice>(m_fd.Get(), size, !m_image);
+}
+
+std::string ScratchStore::Trouble() const {
+  struct statvfs info {};
+  if (!m_image || fstatvfs(m_fd.Get(), &info) != 0) return "";
+  const uint64_t free = uint64_t{info.f_bavail} * info.f_frsize;
+  if (free >= kLeastFree) return "";
+  return "the filesystem holding " + m_path + " is full (" + std::to_string(free / 1024) + " KiB free)";
 }
 
 void ScratchStore::DropCaches() const {

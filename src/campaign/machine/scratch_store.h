@@ -33,6 +33,10 @@ class ScratchStore {
   std::unique_ptr<LoopDevice> FreshVolume(uint64_t size);
   // Drops a device's cached blocks before a read-back.
   void DropCaches() const;
+  // What is wrong with the store itself, or "": the filesystem holding an
+  // image has run out of room, so writes to the volume may have been lost
+  // (the kernel says so only at a limited rate).
+  std::string Trouble() const;
 
  private:
   ScratchStore(std::string path, UniqueFd fd, uint64_t size, bool image);

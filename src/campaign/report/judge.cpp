@@ -88,11 +88,14 @@ Verdict JudgeStep(const StepObservation& step) {
     verdict.directive = "SKIP";
     return verdict;
   }
+  // The store's failure is one reason, however many blocks the kernel
+  // names (and it names them at a limited rate).
+  std::string store_failed = step.store_trouble;
   for (const KernelMessage& message : step.kernel.messages) {
     if (message.kind == KernelClass::kBug) Hazard(verdict, "the kernel reported a bug: " + message.text);
-    if (message.kind == KernelClass::kIoError)
-      Directive(verdict, "ERROR", "the scratch store failed under the row: " + message.text);
+    if (message.kind == KernelClass::kIoError && store_failed.empty()) store_failed = message.text;
   }
+  if (!store_failed.empty()) Directive(verdict, "ERROR", "the scratch store failed under the row: " + store_failed);
   if (step.kernel.lost != 0)
     Hazard(verdict, std::to_string(step.kernel.lost) +
                         " kernel log records were overwritten before they were read: a bug report may be among them");

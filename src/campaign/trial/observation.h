@@ -64,6 +64,7 @@ struct StepObservation {
   KernelWords kernel;
   std::vector<Ending> daemons;  // FUSE daemons that ended during the step
   std::string not_carried_out;  // why the campaign could not do the step
+  std::string store_trouble;    // the scratch store failed under the step
   std::string skipped;          // why the step does not apply
   // Sectors that a second fsck -y changed after the first repair.
   std::optional<uint64_t> second_repair_changed;

@@ -54,6 +54,7 @@ void VolumeUnderTest::End(StepObservation step) {
   KernelWords words = m_context.kernel_log.Take(m_devices);
   for (KernelMessage& message : words.messages) step.kernel.messages.push_back(std::move(message));
   step.kernel.lost += words.lost;
+  step.store_trouble = m_context.store.Trouble();
   m_listener.StepEnded(std::move(step));
 }
 
