@@ -83,19 +83,22 @@ KernelWords KernelLog::Take(const std::vector<std::string>& devices) {
     const ssize_t n = read(m_fd.Get(), record, sizeof record - 1);
     if (n < 0 && errno == EPIPE) continue;  // overwritten records: the sequence numbers tell how many
     if (n <= 0) break;
-    // "priority,sequence,time,flags;message\n" and continuation lines.
-    const std::string text(record, static_cast<size_t>(n));
-    const size_t comma = text.find(',');
-    const size_t start = text.find(';');
-    if (comma == std::string::npos || start == std::string::npos) continue;
-    const uint64_t sequence = strtoull(text.c_str() + comma + 1, nullptr, 10);
-    if (m_started && sequence > m_next) words.lost += sequence - m_next;
-    m_started = true;
-    m_next = sequence + 1;
-    const std::string message = text.substr(start + 1, text.find('\n', start) - start - 1);
-    if (ConcernsRow(message, devices)) words.messages.push_back({Classify(message), message});
+    Take(std::string(record, static_cast<size_t>(n)), devices, words);
   }
   return words;
+}
+
+void KernelLog::Take(const std::string& record, const std::vector<std::string>& devices, KernelWords& words) {
+  // "priority,sequence,time,flags;message\n" and continuation lines.
+  const size_t comma = record.find(',');
+  const size_t start = record.find(';');
+  if (comma == std::string::npos || start == std::string::npos) return;
+  const uint64_t sequence = strtoull(record.c_str() + comma + 1, nullptr, 10);
+  if (m_started && sequence > m_next) words.lost += sequence - m_next;
+  m_started = true;
+  m_next = sequence + 1;
+  const std::string message = record.substr(start + 1, record.find('\n', start) - start - 1);
+  if (ConcernsRow(message, devices)) words.messages.push_back({Classify(message), message});
 }
 
 std::string ShortKernelMessage(const std::string& message) {

@@ -34,8 +34,12 @@ class KernelLog {
   // The messages since the last call that concern a row on `devices` (the
   // loop devices it uses, "loop0", and the scratch device under them).
   KernelWords Take(const std::vector<std::string>& devices);
+  // One record as /dev/kmsg gives it ("6,1234,5678,-;text\n"), taken into
+  // `words`: a gap in the sequence numbers is records lost to an overrun.
+  void Take(const std::string& record, const std::vector<std::string>& devices, KernelWords& words);
 
  private:
+
   UniqueFd m_fd;
   uint64_t m_next = 0;  // the sequence number the next record should have
   bool m_started = false;

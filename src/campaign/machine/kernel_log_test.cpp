@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
+
 namespace {
 
 TEST(KernelLog, ClassifiesBugReportsAndFailuresOfTheStore) {
@@ -40,6 +42,25 @@ TEST(KernelLog, TakesWhatConcernsTheRowsDevices) {
   EXPECT_TRUE(ConcernsRow("BUG: unable to handle page fault for address: 0000000000000010", row));
   EXPECT_TRUE(ConcernsRow("loop: Write error at byte offset 4096, length 4096.", row));
   EXPECT_FALSE(ConcernsRow("WARNING: CPU: 0 PID: 7 at fs/exfat/inode.c:9 [exfat] (loop2)", row));
+}
+
+// Records overwritten before they were read show as a gap in the sequence
+// numbers, counted even where the records between were someone else's.
+TEST(KernelLog, CountsTheRecordsAnOverrunLost) {
+  std::unique_ptr<KernelLog> log;
+  try {
+    log = std::make_unique<KernelLog>();
+  } catch (const std::exception& e) {
+    GTEST_SKIP() << e.what();
+  }
+  KernelWords words;
+  log->Take("6,100,5000,-;exFAT-fs (loop3): Volume was not properly unmounted.\n", {"loop3"}, words);
+  log->Take("6,101,5001,-;nfs: server not responding\n", {"loop3"}, words);
+  log->Take("4,105,5002,-;WARNING: CPU: 0 PID: 7 at fs/exfat/fatent.c:9\n SUBSYSTEM=exfat\n", {"loop3"}, words);
+  EXPECT_EQ(words.lost, 3u);
+  ASSERT_EQ(words.messages.size(), 2u);
+  EXPECT_EQ(words.messages[1].kind, KernelClass::kBug);
+  EXPECT_EQ(words.messages[1].text, "WARNING: CPU: 0 PID: 7 at fs/exfat/fatent.c:9");
 }
 
 TEST(KernelLog, ShortensMessagesForTheTable) {
