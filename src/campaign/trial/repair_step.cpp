@@ -57,5 +57,6 @@ void RepairStep(VolumeUnderTest& volume, const std::vector<std::pair<TreeFile, E
     said += "; " + Summarize(reads) + "; " + InUse(volume, step, added);
   }
   step.said = step.cell = said;
+  volume.LetGo(step);
   volume.End(std::move(step));
 }

@@ -50,5 +50,6 @@ void RunVolumeRow(Context& context, const Row& row, RowListener& listener) {
   volume.Unmount(check);
   const CheckerRun checker = volume.Check(check, "-n", Purpose::kMustBeClean);
   check.said = check.cell = checker.Clean() ? "clean" : checker.Verdict() + ": " + checker.FirstLine();
+  volume.LetGo(check);
   volume.End(std::move(check));
 }

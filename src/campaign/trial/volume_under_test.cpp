@@ -117,6 +117,12 @@ std::string VolumeUnderTest::WriteSynced(StepObservation& step, const TreeFile& 
   return said;
 }
 
+void VolumeUnderTest::LetGo(StepObservation& step) {
+  Unmount(step);
+  const std::string left = m_loop->Release();
+  if (!left.empty()) step.lines.push_back(left);
+}
+
 std::string VolumeLine(uint64_t bytes, uint64_t cluster_bytes, const std::string& device) {
   return "volume: " + FormatSize(bytes) + " with " + FormatSize(cluster_bytes) + " clusters, on " + device;
 }

@@ -39,6 +39,9 @@ class VolumeUnderTest {
   // Writes a file whole, fsync's it and syncfs's the volume: "written",
   // or "failed (ENOSPC)".
   std::string WriteSynced(StepObservation& step, const TreeFile& file);
+  // Lets go of the volume at the row's end, and says so when its loop
+  // device is still attached a while after (a FUSE daemon holding on).
+  void LetGo(StepObservation& step);
 
  private:
   Context& m_context;
