@@ -1,5 +1,6 @@
 #include "campaign/options.h"
 
+#include <getopt.h>
 #include <gtest/gtest.h>
 
 #include "campaign/machine/scratch_store.h"
@@ -32,6 +33,26 @@ TEST(Options, ReadsAndWritesSizes) {
   EXPECT_EQ(FormatSize(384u << 20), "384M");
   EXPECT_EQ(FormatSize(1536u << 10), "1536K");
   EXPECT_EQ(FormatSize(1000), "1000");
+}
+
+
+std::string Parsed(std::vector<std::string> words, CampaignOptions& options) {
+  std::vector<char*> argv;
+  for (std::string& word : words) argv.push_back(word.data());
+  std::string error;
+  optind = 0;
+  options = ParseOptions(static_cast<int>(argv.size()), argv.data(), error);
+  return error;
+}
+
+TEST(Options, TakesTimeLimitsInSeconds) {
+  CampaignOptions options;
+  EXPECT_EQ(Parsed({"c", "--image", "x", "--limits", "checker=5,test=7"}, options), "");
+  EXPECT_EQ(options.limits.checker.count(), 5);
+  EXPECT_EQ(options.limits.mount.count(), 300);
+  EXPECT_EQ(options.limits.test.count(), 7);
+  for (const char* bad : {"checker=0", "mount=", "fsck=5", "checker=5s", "checker=99999999"})
+    EXPECT_NE(Parsed({"c", "--image", "x", "--limits", bad}, options), "") << bad;
 }
 
 }  // namespace
