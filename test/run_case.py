@@ -528,6 +528,28 @@ class Case:
                                     if not text.startswith(b"[")))
         self.record_status(child.returncode)
 
+    def step_campaign_to(self, where, *argv):
+        """qvexfat-campaign with its standard output closed, on /dev/full,
+        or on a pipe closed after its first line (head): its standard
+        error and its status."""
+        self.record(f"$ qvexfat-campaign {' '.join(argv)} # standard output {where}")
+        command, env = self.campaign_command(argv)
+        out = {"closed": subprocess.DEVNULL, "full": open("/dev/full", "wb"), "head": subprocess.PIPE}[where]
+        child = subprocess.Popen(command, stdout=out, stderr=subprocess.PIPE, env=env, preexec_fn=lambda: (
+            no_core_dumps(), os.close(1) if where == "closed" else None))
+        if where == "head":
+            child.stdout.readline()
+            child.stdout.close()
+        err = child.communicate(timeout=self.timeout)[1]
+        self.record_output(b"".join(b"stderr: " + line + b"\n" for line in err.splitlines()
+                                    if not line.startswith(b"[")))
+        self.record_status(child.returncode)
+
+    def step_contains(self, path, text):
+        """Whether a file holds the text anywhere."""
+        self.record(f"$ contains {path} {text!r}")
+        self.record("yes" if text.encode() in self.read_file(path) else "no")
+
     def step_leftovers(self):
         """Mounts below the scratch directory and loop devices over its
         files or over {DEV} (but {DEV} itself), which must be gone once the
@@ -831,7 +853,7 @@ class Case:
 
 
 STEPS_THAT_LOOK = {"run", "changes", "fsck", "loop", "mount", "volume", "campaign"}
-MOUNTING_STEPS = {"loop", "mount", "volume", "campaign", "campaign-verdicts", "interrupt"}
+MOUNTING_STEPS = {"loop", "mount", "volume", "campaign", "campaign-verdicts", "campaign-to", "interrupt"}
 IN_THE_MACHINE = {"machine", "image", "mkfs", "volume", "loop", "mount", "unmount", "rand",
                   "copy", "campaign", "markdown", "readme",
                   "timeout", "run", "sh", "fsck", "ls", "count", "md5", "period"}

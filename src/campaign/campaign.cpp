@@ -5,14 +5,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <fcntl.h>
+
 #include <cstdio>
+#include <ctime>
 #include <memory>
+#include <optional>
 
 #include "campaign/machine/child.h"
 #include "campaign/machine/interrupt.h"
 #include "campaign/options.h"
 #include "campaign/preflight.h"
 #include "campaign/report/markdown.h"
+#include "campaign/report/report_file.h"
 #include "campaign/report/reporter.h"
 #include "campaign/trial/damage_row.h"
 #include "campaign/trial/volume_row.h"
@@ -64,6 +69,24 @@ std::vector<std::string> Header(const CampaignOptions& options, const Stack& sta
 // run's bytes as the right ones; an image is made empty for each row, and
 // a fixed seed keeps what the checker prints of the bytes the same from
 // run to run.
+// "2026-11-25 10:31 UTC"
+std::string Now() {
+  const time_t now = time(nullptr);
+  tm utc{};
+  gmtime_r(&now, &utc);
+  char text[32];
+  strftime(text, sizeof text, "%Y-%m-%d %H:%M UTC", &utc);
+  return text;
+}
+
+// Descriptors 0, 1 and 2 on /dev/null where they are closed, so that
+// nothing the campaign opens (the image) takes their place and receives
+// the report.
+void OpenStandardDescriptors() {
+  for (int fd = 0; fd <= 2; ++fd)
+    if (fcntl(fd, F_GETFD) == -1 && errno == EBADF) open("/dev/null", O_RDWR);
+}
+
 uint32_t RunSeed(const ScratchStore& store) {
   uint32_t seed = 0;
   if (!store.IsImage() && getrandom(&seed, sizeof seed, 0) != sizeof seed)
@@ -89,11 +112,8 @@ bool AwaitStrays() {
 // Runs the rows; 0 when every row is ok, 1 when some row is not, 128 + N
 // after signal N.
 int Campaign(const CampaignOptions& options, const std::vector<const Row*>& rows, const Stack& stack) {
-  std::unique_ptr<FILE, int (*)(FILE*)> markdown(nullptr, fclose);
-  if (!options.markdown.empty()) {
-    markdown.reset(fopen(options.markdown.c_str(), "we"));
-    if (!markdown) throw ErrnoException(errno, options.markdown);
-  }
+  std::optional<ReportFile> markdown;
+  if (!options.markdown.empty()) markdown = ReportFile::Create(options.markdown);
   std::unique_ptr<ScratchStore> store = options.image.empty()
                                             ? ScratchStore::OpenDevice(options.device)
                                             : ScratchStore::CreateImage(options.image, options.size);
@@ -101,7 +121,12 @@ int Campaign(const CampaignOptions& options, const std::vector<const Row*>& rows
   const Workspace workspace;
   KernelLog kernel_log;
   Progress progress(rows.size());
-  KtapWriter ktap(stdout, Header(options, stack, *store), rows.size());
+  const std::vector<std::string> header = Header(options, stack, *store);
+  std::vector<std::string> markdown_stack = header;
+  markdown_stack.push_back("date: " + Now());
+  if (markdown) markdown->Replace(MarkdownTables(markdown_stack, {}));
+  ReportFile out(STDOUT_FILENO, "standard output");
+  KtapWriter ktap(out, header, rows.size());
   Reporter reporter(ktap, progress);
   Context context{options.driver, options.tool,      options.checker, options.limits, workspace.MountPoint(),
                   *store,         kernel_log,        RunSeed(*store)};
@@ -121,11 +146,15 @@ int Campaign(const CampaignOptions& options, const std::vector<const Row*>& rows
     } catch (const Interrupted& e) {  // by now what the row mounted and attached is undone
       stopped_by = e.SignalNumber();
       reporter.AbandonRow(e.what());
+    } catch (const ReportError&) {
+      throw;
     } catch (const std::exception& e) {  // the campaign's own trouble: a loop device it could not set up
       reporter.AbandonRow(std::string("the campaign could not go on: ") + e.what());
     }
+    // The table as it stands, so that a run that stops keeps it.
+    if (markdown) markdown->Replace(MarkdownTables(markdown_stack, reporter.Records()));
   }
-  if (markdown) fputs(MarkdownTables(reporter.Records()).c_str(), markdown.get());
+  if (markdown) markdown->Close();
   if (!AwaitStrays()) ktap.Note("a process the campaign started did not end, and was killed");
   if (stopped_by != 0) {
     const std::string why = Interrupted(stopped_by).what();
@@ -139,6 +168,7 @@ int Campaign(const CampaignOptions& options, const std::vector<const Row*>& rows
 }  // namespace
 
 int RunCampaign(int argc, char* argv[]) {
+  OpenStandardDescriptors();
   std::string error;
   CampaignOptions options = ParseOptions(argc, argv, error);
   if (options.help) {

@@ -20,8 +20,7 @@ void CatchInterrupts() {
   struct sigaction action {};
   action.sa_handler = Note;
   sigemptyset(&action.sa_mask);
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
+  for (const int signal_number : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGQUIT}) sigaction(signal_number, &action, nullptr);
 }
 
 int PendingInterrupt() { return g_signal; }
@@ -31,6 +30,5 @@ void ThrowIfInterrupted() {
 }
 
 void RestoreDefaultSignals() {
-  signal(SIGINT, SIG_DFL);
-  signal(SIGTERM, SIG_DFL);
+  for (const int signal_number : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGQUIT}) signal(signal_number, SIG_DFL);
 }

@@ -2,7 +2,8 @@
 
 #include <stdexcept>
 
-// SIGINT and SIGTERM do not end the campaign on the spot: they are noted,
+// SIGINT, SIGTERM, SIGHUP (a dropped session), SIGPIPE (a reader of the
+// report gone) and SIGQUIT do not end the campaign on the spot: they are noted,
 // and the campaign stops at the next point where it waits or moves on,
 // undoing what it set up (mounts, loop devices, the image) on the way out.
 class Interrupted : public std::runtime_error {

@@ -6,7 +6,7 @@ constexpr const char* kSubtestIndent = "  ";
 
 }  // namespace
 
-KtapWriter::KtapWriter(FILE* out, const std::vector<std::string>& header, size_t rows) : m_out(out) {
+KtapWriter::KtapWriter(ReportFile& out, const std::vector<std::string>& header, size_t rows) : m_out(out) {
   Line("KTAP version 1");
   for (const std::string& line : header) Note(line);
   Line("1.." + std::to_string(rows));
@@ -15,8 +15,7 @@ KtapWriter::KtapWriter(FILE* out, const std::vector<std::string>& header, size_t
 void KtapWriter::Note(const std::string& text) { Line("# " + text); }
 
 void KtapWriter::Line(const std::string& text) {
-  fprintf(m_out, "%s%s\n", m_in_row ? kSubtestIndent : "", text.c_str());
-  fflush(m_out);
+  m_out.Append((m_in_row ? kSubtestIndent : "") + text + "\n");
 }
 
 void KtapWriter::Result(bool ok, size_t number, const std::string& name, const std::string& directive,

@@ -1,19 +1,19 @@
 #pragma once
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
 #include "campaign/report/judge.h"
+#include "campaign/report/report_file.h"
 #include "campaign/trial/observation.h"
 
 // Writes the campaign's results in KTAP version 1, the kernel's test output
 // format: a row is a test, its steps an indented subtest. Each line is
-// flushed as it is written, so that a run that dies keeps what it saw.
+// written as it comes, so that a run that dies keeps what it saw.
 class KtapWriter {
  public:
   // The version line, `header` as diagnostic lines, the plan.
-  KtapWriter(FILE* out, const std::vector<std::string>& header, size_t rows);
+  KtapWriter(ReportFile& out, const std::vector<std::string>& header, size_t rows);
 
   // A row's subtest header and plan.
   void BeginRow(const std::string& name, size_t steps);
@@ -31,6 +31,6 @@ class KtapWriter {
   void Line(const std::string& text);
   void Result(bool ok, size_t number, const std::string& name, const std::string& directive, const std::string& text);
 
-  FILE* m_out;
+  ReportFile& m_out;
   bool m_in_row = false;
 };

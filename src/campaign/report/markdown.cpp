@@ -54,7 +54,7 @@ std::string Line(const std::vector<std::string>& cells) {
 
 }  // namespace
 
-std::string MarkdownTables(const std::vector<RowRecord>& rows) {
+std::string MarkdownTables(const std::vector<std::string>& stack, const std::vector<RowRecord>& rows) {
   std::string damage, volume;
   for (const RowRecord& row : rows) {
     const std::string name = "`" + row.row->name + "`";
@@ -66,6 +66,8 @@ std::string MarkdownTables(const std::vector<RowRecord>& rows) {
     }
   }
   std::string tables;
+  for (const std::string& line : stack) tables += "- " + line + "\n";
+  if (!stack.empty()) tables += "\n";
   if (!damage.empty())
     tables += "| damage | caught? | mount | read | write | repair | kernel log | verdict |\n"
               "|---|---|---|---|---|---|---|---|\n" + damage;
