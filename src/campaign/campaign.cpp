@@ -171,8 +171,8 @@ int RunCampaign(int argc, char* argv[]) {
   OpenStandardDescriptors();
   std::string error;
   CampaignOptions options = ParseOptions(argc, argv, error);
-  if (options.help) {
-    fputs(Usage().c_str(), stdout);
+  if (options.help || options.version) {
+    fputs(options.help ? Usage().c_str() : "qvexfat-campaign " QVEXFAT_VERSION "\n", stdout);
     return 0;
   }
   const std::vector<const Row*> rows = SelectRows(options.only, error);

@@ -46,15 +46,19 @@ std::string Usage() {
       "Damages, checks, mounts, reads, writes and repairs exFAT volumes, one fresh\n"
       "volume a row, and reports in KTAP on standard output. Runs as root.\n"
       "\n"
-      "  --image FILE   make FILE (sparse, SIZE bytes: K, M or G) for the volumes;\n"
-      "                 removed at the end unless --keep\n"
-      "  --device DEV   a scratch block device whose data is destroyed (needs --yes)\n"
+      "  --image FILE   make FILE (sparse) for the volumes; removed at the end\n"
+      "  --size SIZE    the image's size: digits and K, M, G or T (default: what\n"
+      "                 the largest row chosen needs)\n"
+      "  --keep         keep the image\n"
+      "  --device DEV   a scratch block device whose data is destroyed\n"
+      "  --yes          confirms --device\n"
       "  --driver       kernel (mount -t exfat, the default) or fuse (exfat-fuse)\n"
       "  --only NAMES   comma-separated rows; \"damage\" and \"volume\" name the groups\n"
       "  --markdown F   the results as Markdown tables in F\n"
       "  --tool, --fsck the programs to try (qvexfat-test, fsck.exfat)\n"
       "  --limits L     seconds a program may take before its step is TIMEOUT, as\n"
       "                 checker=600,mount=300,test=3600 (the defaults)\n"
+      "  --help, --version\n"
       "\n"
       "Rows:\n";
   for (const bool damage : {true, false}) {
@@ -83,12 +87,19 @@ CampaignOptions ParseOptions(int argc, char* argv[], std::string& error) {
       {"image", required_argument, nullptr, 'i'},   {"size", required_argument, nullptr, 's'},
       {"device", required_argument, nullptr, 'd'},  {"yes", no_argument, nullptr, 'y'},
       {"limits", required_argument, nullptr, 'l'},  {"help", no_argument, nullptr, 'h'},
-      {nullptr, 0, nullptr, 0},
+      {"version", no_argument, nullptr, 'V'},       {nullptr, 0, nullptr, 0},
   };
   CampaignOptions options;
   opterr = 0;
+  std::string seen;  // the options given so far: a second one would silently win
   for (int option; (option = getopt_long(argc, argv, "h", kOptions, nullptr)) != -1;) {
     const std::string value = optarg ? optarg : "";
+    if (option != '?' && seen.find(static_cast<char>(option)) != std::string::npos) {
+      for (const struct option* known = kOptions; known->name; ++known)
+        if (known->val == option) error = std::string("--") + known->name + " is given twice";
+      return options;
+    }
+    seen += static_cast<char>(option);
     switch (option) {
       case 'D':
         if (value != "kernel" && value != "fuse") error = "--driver takes kernel or fuse, not " + value;
@@ -109,21 +120,23 @@ CampaignOptions ParseOptions(int argc, char* argv[], std::string& error) {
       case 'i': options.image = value; break;
       case 's':
         options.size = ParseSize(value);
-        if (options.size == 0) error = "--size takes a size such as 384M, not " + value;
+        if (options.size == 0) error = "--size takes digits and one of K, M, G or T, such as 384M, not " + value;
         break;
       case 'd': options.device = value; break;
       case 'y': options.yes = true; break;
       case 'h': options.help = true; break;
+      case 'V': options.version = true; break;
       default:
         error = optopt ? std::string("unknown option or missing argument: -") + static_cast<char>(optopt)
                        : "unknown option or missing argument: " + std::string(argv[optind - 1]);
     }
     if (!error.empty()) return options;
   }
-  if (options.help) return options;
+  if (options.help || options.version) return options;
   if (optind < argc) error = std::string("unexpected argument: ") + argv[optind];
   else if (options.image.empty() == options.device.empty()) error = "give either --image FILE or --device DEV";
   else if (!options.device.empty() && options.size != 0) error = "--size is for --image";
+  else if (!options.device.empty() && options.keep) error = "--keep is for --image: a device keeps the last row's volume";
   return options;
 }
 

@@ -22,6 +22,7 @@ struct CampaignOptions {
   std::string device;
   bool yes = false;
   bool help = false;
+  bool version = false;
 };
 
 // The command line, or in `error` why it is not one.

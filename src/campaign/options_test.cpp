@@ -28,8 +28,9 @@ TEST(Options, ReadsAndWritesSizes) {
   EXPECT_EQ(ParseSize("384M"), 384u << 20);
   EXPECT_EQ(ParseSize("4k"), 4096u);
   EXPECT_EQ(ParseSize("2G"), 2ull << 30);
-  EXPECT_EQ(ParseSize("1000"), 1000u);
-  for (const char* bad : {"", "M", "12T", "-4M", "4MB", "99999999999G"}) EXPECT_EQ(ParseSize(bad), 0u) << bad;
+  EXPECT_EQ(ParseSize("1T"), 1ull << 40);
+  for (const char* bad : {"", "M", "1000", "-4M", "+32M", " 32M", "4MB", "9999999999999999G"})
+    EXPECT_EQ(ParseSize(bad), 0u) << bad;
   EXPECT_EQ(FormatSize(384u << 20), "384M");
   EXPECT_EQ(FormatSize(1536u << 10), "1536K");
   EXPECT_EQ(FormatSize(1000), "1000");

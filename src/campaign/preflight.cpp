@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 
 #include "campaign/machine/child.h"
@@ -106,6 +107,8 @@ std::string Sizes(CampaignOptions& options, const std::vector<const Row*>& rows)
 Refusal Preflight(CampaignOptions& options, const std::vector<const Row*>& rows, Stack& stack) {
   const auto usage = [](const std::string& reason) { return Refusal{reason, false}; };
   const auto skip = [](const std::string& reason) { return Refusal{reason, true}; };
+  if (!options.device.empty() && access(options.device.c_str(), F_OK) != 0)
+    return usage(options.device + ": " + strerror(errno));
   if (!options.device.empty() && !options.yes)
     return usage("--device destroys everything on " + options.device + ": confirm with --yes");
   if (!options.tool.empty())

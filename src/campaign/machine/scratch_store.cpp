@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cctype>
 #include <cstdlib>
 
 #include "platform/errno_exception.h"
@@ -61,15 +62,13 @@ void ScratchStore::DropCaches() const {
 }
 
 uint64_t ParseSize(const std::string& text) {
-  char* end = nullptr;
-  errno = 0;
-  const unsigned long long number = strtoull(text.c_str(), &end, 10);
-  if (errno != 0 || end == text.c_str() || text[0] == '-') return 0;
-  const std::string unit = end;
-  const int shift = unit.empty() ? 0 : unit == "K" || unit == "k" ? 10 : unit == "M" || unit == "m" ? 20
-                                     : unit == "G" || unit == "g" ? 30 : -1;
-  if (shift < 0 || number > (~0ull >> shift)) return 0;
-  return number << shift;
+  const size_t digits = text.find_first_not_of("0123456789");
+  if (digits == 0 || digits == std::string::npos || digits + 1 != text.size() || digits > 15) return 0;
+  const size_t unit = std::string("KMGT").find(static_cast<char>(toupper(static_cast<unsigned char>(text.back()))));
+  if (unit == std::string::npos) return 0;
+  const unsigned shift = 10 * (static_cast<unsigned>(unit) + 1);
+  const uint64_t number = std::stoull(text.substr(0, digits));
+  return number > (~uint64_t{0} >> shift) ? 0 : number << shift;
 }
 
 std::string FormatSize(uint64_t bytes) {

@@ -48,7 +48,7 @@ class ScratchStore {
   bool m_keep = false;
 };
 
-// "384M", "1G", "4K", or bytes; 0 when the text is not a size.
+// "384M", "1G", "4K", "2T": digits and a unit; 0 when the text is not that.
 uint64_t ParseSize(const std::string& text);
 // The size in the largest unit that divides it: "384M".
 std::string FormatSize(uint64_t bytes);
