@@ -41,7 +41,8 @@ std::string Usage() {
   std::string usage =
       "Usage: qvexfat-campaign [--driver kernel|fuse] [--only NAMES] [--markdown FILE]\n"
       "                        [--tool PATH] [--fsck PATH] [--keep] [--limits LIMITS]\n"
-      "                        (--image FILE [--size SIZE] | --device DEV --yes)\n"
+      "                        (--image FILE [--size SIZE] |\n"
+      "                         --device DEV --yes [--whole-disk])\n"
       "\n"
       "Damages, checks, mounts, reads, writes and repairs exFAT volumes, one fresh\n"
       "volume a row, and reports in KTAP on standard output. Runs as root.\n"
@@ -52,6 +53,7 @@ std::string Usage() {
       "  --keep         keep the image\n"
       "  --device DEV   a scratch block device whose data is destroyed\n"
       "  --yes          confirms --device\n"
+      "  --whole-disk   confirms a --device that has partitions or a partition table\n"
       "  --driver       kernel (mount -t exfat, the default) or fuse (exfat-fuse)\n"
       "  --only NAMES   comma-separated rows; \"damage\" and \"volume\" name the groups\n"
       "  --markdown F   the results as Markdown tables in F\n"
@@ -87,7 +89,8 @@ CampaignOptions ParseOptions(int argc, char* argv[], std::string& error) {
       {"image", required_argument, nullptr, 'i'},   {"size", required_argument, nullptr, 's'},
       {"device", required_argument, nullptr, 'd'},  {"yes", no_argument, nullptr, 'y'},
       {"limits", required_argument, nullptr, 'l'},  {"help", no_argument, nullptr, 'h'},
-      {"version", no_argument, nullptr, 'V'},       {nullptr, 0, nullptr, 0},
+      {"version", no_argument, nullptr, 'V'},       {"whole-disk", no_argument, nullptr, 'w'},
+      {nullptr, 0, nullptr, 0},
   };
   CampaignOptions options;
   opterr = 0;
@@ -124,6 +127,7 @@ CampaignOptions ParseOptions(int argc, char* argv[], std::string& error) {
         break;
       case 'd': options.device = value; break;
       case 'y': options.yes = true; break;
+      case 'w': options.whole_disk = true; break;
       case 'h': options.help = true; break;
       case 'V': options.version = true; break;
       default:
@@ -136,6 +140,7 @@ CampaignOptions ParseOptions(int argc, char* argv[], std::string& error) {
   if (optind < argc) error = std::string("unexpected argument: ") + argv[optind];
   else if (options.image.empty() == options.device.empty()) error = "give either --image FILE or --device DEV";
   else if (!options.device.empty() && options.size != 0) error = "--size is for --image";
+  else if (options.device.empty() && options.whole_disk) error = "--whole-disk is for --device";
   else if (!options.device.empty() && options.keep) error = "--keep is for --image: a device keeps the last row's volume";
   return options;
 }

@@ -21,6 +21,7 @@ struct CampaignOptions {
   uint64_t size = 0;  // 0: what the largest row needs
   std::string device;
   bool yes = false;
+  bool whole_disk = false;
   bool help = false;
   bool version = false;
 };

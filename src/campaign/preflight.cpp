@@ -136,6 +136,8 @@ Refusal Preflight(CampaignOptions& options, const std::vector<const Row*>& rows,
     return usage(options.tool + " is not qvexfat-test: run without arguments, it does not print qvexfat-test's usage");
   if (!options.device.empty()) {
     if (std::string refusal = DeviceRefusal(options.device); !refusal.empty()) return usage(refusal);
+    if (!options.whole_disk)
+      if (std::string refusal = WholeDiskRefusal(options.device); !refusal.empty()) return usage(refusal);
   } else if (access(options.image.c_str(), F_OK) == 0) {
     return usage(options.image + " exists: the campaign makes its image itself");
   }

@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,6 +14,8 @@
 #include <fstream>
 #include <sstream>
 #include <vector>
+
+#include "platform/unique_fd.h"
 
 namespace {
 
@@ -128,7 +131,33 @@ std::string OpenElsewhere(const std::vector<BlockDevice>& devices) {
   return "";
 }
 
+// What the device's first sectors say it holds: a GPT ("EFI PART" in
+// sector 1) or an MBR with a partition in it (an exFAT boot sector has the
+// same signature, and its own name at byte 3); "" for neither.
+std::string PartitionTable(const std::string& path) {
+  UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  unsigned char sectors[1024] = {};
+  if (!fd.IsOpen() || pread(fd.Get(), sectors, sizeof sectors, 0) != static_cast<ssize_t>(sizeof sectors)) return "";
+  if (memcmp(sectors + 512, "EFI PART", 8) == 0) return "a GPT partition table";
+  if (sectors[510] != 0x55 || sectors[511] != 0xAA || memcmp(sectors + 3, "EXFAT   ", 8) == 0) return "";
+  for (int entry = 0; entry < 4; ++entry)
+    if (sectors[446 + 16 * entry + 4] != 0) return "an MBR partition table";
+  return "";
+}
+
 }  // namespace
+
+std::string WholeDiskRefusal(const std::string& path) {
+  struct stat info {};
+  if (stat(path.c_str(), &info) != 0 || !S_ISBLK(info.st_mode)) return "";
+  const std::vector<BlockDevice> devices = DeviceAndPartitions(info.st_rdev);
+  if (devices.size() > 1)
+    return path + " has partitions (" + devices[1].name + (devices.size() > 2 ? ", ..." : "") +
+           "): name one, or confirm the whole disk with --whole-disk";
+  const std::string table = PartitionTable(path);
+  if (!table.empty()) return path + " holds " + table + ": name a partition, or confirm the whole disk with --whole-disk";
+  return "";
+}
 
 std::string DeviceRefusal(const std::string& path) {
   struct stat info {};
