@@ -5,6 +5,7 @@
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
@@ -84,6 +85,8 @@ bool KernelHas(const std::string& filesystem) {
   return false;
 }
 
+std::string Room(const std::string& image, uint64_t size);
+
 std::string Sizes(CampaignOptions& options, const std::vector<const Row*>& rows) {
   const Row* largest = nullptr;
   for (const Row* row : rows)
@@ -99,7 +102,20 @@ std::string Sizes(CampaignOptions& options, const std::vector<const Row*>& rows)
   if (largest && largest->volume_bytes > available)
     return "row " + largest->name + " needs a volume of " + FormatSize(largest->volume_bytes) + ", and " +
            (options.device.empty() ? "the image" : options.device) + " holds " + FormatSize(available);
-  return "";
+  return options.device.empty() ? Room(options.image, options.size) : "";
+}
+
+// Whether the filesystem that is to hold the image has room for all of it:
+// a sparse image that runs out of room under a row fails the row's writes.
+std::string Room(const std::string& image, uint64_t size) {
+  const size_t slash = image.rfind('/');
+  const std::string directory = slash == std::string::npos ? "." : slash == 0 ? "/" : image.substr(0, slash);
+  struct statvfs info {};
+  if (statvfs(directory.c_str(), &info) != 0) return directory + ": " + strerror(errno);
+  const uint64_t free = uint64_t{info.f_bavail} * info.f_frsize;
+  if (free >= size) return "";
+  return "the filesystem holding " + directory + " has " + std::to_string(free >> 20) + " MiB free, and the image needs " +
+         FormatSize(size);
 }
 
 }  // namespace
