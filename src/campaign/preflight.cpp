@@ -24,6 +24,7 @@ namespace {
 // What qvexfat-test prints first when run without arguments.
 constexpr const char* kToolUsage = "[-d --device] <path> [-c --corrupt] <description-of-corruption> or";
 constexpr const char* kIdentification = "@(#)qvexfat-test ";
+constexpr std::chrono::seconds kAnswerLimit{10};
 
 // A regular file this process may run: a directory has X_OK too.
 bool Executable(const std::string& path) {
@@ -146,7 +147,13 @@ Refusal Preflight(CampaignOptions& options, const std::vector<const Row*>& rows,
   if (access("/dev/loop-control", R_OK | W_OK) != 0) return skip("/dev/loop-control is missing: no loop device support");
   if (access("/dev/kmsg", R_OK) != 0) return skip("/dev/kmsg cannot be read: the kernel's reports would go unseen");
 
-  const ProgramRun tool = RunProgram({options.tool}, std::chrono::seconds(60));
+  // A program that does not answer these within its time is no program to try.
+  // fsck.exfat -V prints its version and exits 16, as for any usage.
+  const ProgramRun version = RunProgram({options.checker, "-V"}, kAnswerLimit);
+  if (version.end.kind != Ending::Kind::kExited || version.end.code >= 126 || version.output.empty())
+    return usage(options.checker + " does not answer -V with its version: " + version.end.Describe() +
+                 (version.output.empty() ? ", nothing printed" : ""));
+  const ProgramRun tool = RunProgram({options.tool}, kAnswerLimit);
   if (!tool.end.Exited(1) || tool.output.find("Usage: ") == std::string::npos ||
       tool.output.find(kToolUsage) == std::string::npos)
     return usage(options.tool + " is not qvexfat-test: run without arguments, it does not print qvexfat-test's usage");
