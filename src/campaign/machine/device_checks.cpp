@@ -11,13 +11,18 @@
 #include <cerrno>
 #include <cstring>
 
+#include <chrono>
 #include <fstream>
 #include <sstream>
+#include <thread>
 #include <vector>
 
 #include "platform/unique_fd.h"
 
 namespace {
+
+// How often a device found open elsewhere is looked at again.
+constexpr int kLooks = 4;
 
 struct BlockDevice {
   dev_t number;
@@ -164,9 +169,17 @@ std::string DeviceRefusal(const std::string& path) {
   if (stat(path.c_str(), &info) != 0) return path + ": " + strerror(errno);
   if (!S_ISBLK(info.st_mode)) return path + " is not a block device";
   const std::vector<BlockDevice> devices = DeviceAndPartitions(info.st_rdev);
-  for (const auto& check : {Mounted, Swap, Held, OpenElsewhere}) {
+  for (const auto& check : {Mounted, Swap, Held}) {
     std::string reason = check(devices);
     if (!reason.empty()) return reason;
   }
-  return "";
+  // A program that probes devices (udev's blkid, a losetup listing them)
+  // holds one open for a moment: only a holder still there a second later
+  // is one.
+  std::string reason = OpenElsewhere(devices);
+  for (int look = 0; look < kLooks && !reason.empty(); ++look) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(250));
+    reason = OpenElsewhere(devices);
+  }
+  return reason;
 }
