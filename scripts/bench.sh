@@ -10,7 +10,7 @@
 #   DIR        where the images and the hyperfine JSON go (default
 #              build/bench); the images are made once and kept there
 #   --tool     the qvexfat-test binary to time (or QVEXFAT_TOOL=PATH);
-#              default build/release/src/cli/qvexfat-test, built first.
+#              default build/release/bin/qvexfat-test, built first.
 #              Run the script once per build to compare two builds.
 #   --runs     timed runs per command (default 5, after one warm-up run)
 #   --only     time only the small (20,000 files) or large (200,000) image
@@ -42,7 +42,7 @@ if [[ -z "$tool" ]]; then
   # the README times the code that is checked out, not a stale build.
   cmake --preset release >/dev/null
   cmake --build --preset release >/dev/null
-  tool=build/release/src/cli/qvexfat-test
+  tool=build/release/bin/qvexfat-test
 fi
 [[ -x "$tool" ]] || { echo "bench: $tool is not an executable" >&2; exit 1; }
 tool=$(realpath "$tool")

@@ -9,8 +9,8 @@
 #   scripts/build-aarch64.sh --static  one file each that runs on any 64-bit Arm
 #                                      Linux userland (old glibc, musl, busybox
 #                                      alone); prints their paths:
-#                                      build/aarch64-static/src/cli/qvexfat-test
-#                                      build/aarch64-static/src/campaign/qvexfat-campaign
+#                                      build/aarch64-static/bin/qvexfat-test
+#                                      build/aarch64-static/bin/qvexfat-campaign
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -26,7 +26,7 @@ cmake --preset "$preset" >/dev/null
 if [[ $preset == aarch64-static ]]; then
   cmake --build --preset "$preset" >/dev/null
   ctest --preset "$preset" >/dev/null || { ctest --preset "$preset" --output-on-failure; exit 1; }
-  ls build/aarch64-static/src/cli/qvexfat-test build/aarch64-static/src/campaign/qvexfat-campaign
+  ls build/aarch64-static/bin/qvexfat-test build/aarch64-static/bin/qvexfat-campaign
 else
   cmake --build --preset "$preset"
   cpack --preset "$preset" >/dev/null

@@ -23,8 +23,8 @@ test/kernel/fetch.sh build/kernel-cache sid
 static=build/aarch64-static
 machine=build/kernel-machine-sid
 trap 'python3 test/kernel/machine.py stop "$machine"' EXIT
-python3 test/kernel/machine.py start build/kernel-cache/sid "$static/src/cli/qvexfat-test" "$machine" \
-  "/usr/bin/qvexfat-campaign=$static/src/campaign/qvexfat-campaign" >&2
+python3 test/kernel/machine.py start build/kernel-cache/sid "$static/bin/qvexfat-test" "$machine" \
+  "/usr/bin/qvexfat-campaign=$static/bin/qvexfat-campaign" >&2
 run() { python3 test/kernel/machine.py run "$machine" "$1"; }
 
 echo "# Debian unstable: $(tr '\n' ';' <build/kernel-cache/sid/versions | sed 's/;$//; s/;/; /g')"

@@ -13,8 +13,8 @@ step "Installing missing packages and building (release)"
 scripts/install-deps.sh
 cmake --preset release >/dev/null
 cmake --build --preset release >/dev/null
-tool=build/release/src/cli/qvexfat-test
-campaign=build/release/src/campaign/qvexfat-campaign
+tool=build/release/bin/qvexfat-test
+campaign=build/release/bin/qvexfat-campaign
 demo=build/demo
 mkdir -p "$demo"
 
@@ -36,7 +36,7 @@ if [[ -z "$why" ]]; then
   rm -f "$demo/campaign.img"
   step "qvexfat-campaign --driver $driver --image $demo/campaign.img (KTAP in $demo/campaign.ktap)"
   status=0
-  "$campaign" --driver "$driver" --image "$demo/campaign.img" --tool "$tool" \
+  "$campaign" --driver "$driver" --image "$demo/campaign.img" \
     --markdown "$demo/campaign.md" >"$demo/campaign.ktap" || status=$?
   step "Its table ($demo/campaign.md; exit status $status: $(
     case $status in 0) echo "every row ok" ;; 1) echo "some row not ok" ;;

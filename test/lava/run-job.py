@@ -59,7 +59,7 @@ def missing(cache, static):
         return "lava-dispatcher is not installed (scripts/install-deps.sh --lava)"
     if not Path("/etc/default/tftpd-hpa").is_file() or not shutil.which("in.tftpd"):
         return "no TFTP server for lava-run's tftp deploy (tftpd-hpa; scripts/install-deps.sh --lava)"
-    for program in ["src/cli/qvexfat-test", "src/campaign/qvexfat-campaign"]:
+    for program in ["bin/qvexfat-test", "bin/qvexfat-campaign"]:
         if not (Path(static) / program).is_file():
             return f"{Path(static) / program}: no such file (cmake --build --preset aarch64-static)"
     return unavailable(cache)
@@ -67,8 +67,8 @@ def missing(cache, static):
 
 def make_job(cache, static, scratch):
     """The example job with its URLs and repository on what is made here."""
-    kernel = build_initramfs(cache, Path(static) / "src/cli/qvexfat-test", scratch / "ramdisk.cpio.gz",
-                             {"/usr/libexec/qvexfat-campaign": Path(static) / "src/campaign/qvexfat-campaign",
+    kernel = build_initramfs(cache, Path(static) / "bin/qvexfat-test", scratch / "ramdisk.cpio.gz",
+                             {"/usr/libexec/qvexfat-campaign": Path(static) / "bin/qvexfat-campaign",
                               "/usr/bin/qvexfat-campaign": HERE / "interrupted-campaign.sh"},
                              CONSOLE)
     repository = scratch / "repository"
