@@ -19,10 +19,12 @@ or the arm64 machine where qemu or its kernel is missing.
 
 import argparse
 import base64
+import ctypes
 import difflib
 import glob
 import hashlib
 import lzma
+import random
 import os
 import re
 import resource
@@ -39,6 +41,7 @@ from machine import Machine, host_release, unavailable  # noqa: E402
 import campaign_tables  # noqa: E402
 import ktap_check  # noqa: E402
 SKIP = 77
+PR_SET_CHILD_SUBREAPER = 36
 NAME_PATTERN = ("abcdefghijklmnopqrstuvwxyz" "ABCDEFGHIJKLMNOPQRSTUVWXYZ") * 5
 
 
@@ -183,6 +186,15 @@ def no_core_dumps():
     """A program the campaign runs that dies of a signal leaves no core
     file, and says the same whatever the machine's core settings."""
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+
+
+def parent_of(pid):
+    """The parent of a process listed in /proc, or None."""
+    try:
+        with open(f"/proc/{pid}/stat") as stat:
+            return int(stat.read().rsplit(")", 1)[1].split()[1])
+    except (OSError, ValueError, IndexError):
+        return None
 
 
 def run(argv, **kwargs):
@@ -553,23 +565,70 @@ class Case:
         self.record(f"$ contains {path} {text!r}")
         self.record("yes" if text.encode() in self.read_file(path) else "no")
 
-    def step_leftovers(self):
+    def left_behind(self):
         """Mounts below the scratch directory and loop devices over its
-        files or over {DEV} (but {DEV} itself), which must be gone once the
-        campaign has ended. A loop device lets go a moment after its last
-        user."""
-        self.record("$ leftovers")
+        files or over {DEV} (but {DEV} itself). A loop device lets go a
+        moment after its last user."""
         for _ in range(30):
             mounts = [line.split()[1] for line in open("/proc/mounts")
                       if line.split()[1].startswith(self.scratch + "/")]
-            loops = [line for line in must(["losetup", "-n", "-O", "NAME,BACK-FILE"]).splitlines()
+            loops = [" ".join(line.split()) for line in must(["losetup", "-n", "-O", "NAME,BACK-FILE"]).splitlines()
                      if (self.scratch + "/" in line or line.split()[1:] == [self.device])
                      and line.split()[0] != self.device]
             if not mounts and not loops:
                 break
             time.sleep(0.1)
+        return mounts, loops
+
+    def step_leftovers(self):
+        """What must be gone once the campaign has ended."""
+        self.record("$ leftovers")
+        mounts, loops = self.left_behind()
         self.record("mounts: " + (" ".join(mounts) or "none"))
-        self.record("loop devices: " + (", ".join(" ".join(l.split()) for l in loops) or "none"))
+        self.record("loop devices: " + (", ".join(loops) or "none"))
+
+    def step_signals(self, runs, *argv):
+        """The campaign `runs` times, sent SIGINT, SIGTERM, SIGHUP and
+        SIGPIPE in turn at a moment drawn (seeded) from the time one whole
+        run takes: startup, mkfs, mounts, reads, the repair, the teardown.
+        Each must end with 128 + N (or 0 or 1, having ended first) and leave
+        nothing mounted, attached, running, or in the scratch directory.
+        Only what went wrong is recorded."""
+        self.record(f"$ signals {runs} qvexfat-campaign {' '.join(argv)}")
+        command, env = self.campaign_command(argv)
+        # What a stopped campaign leaves running comes to this process.
+        ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
+        before = set(os.listdir(self.scratch))
+        span = self.timeout
+        for _ in range(2):  # the shorter of two, as a loaded machine slows one
+            started = time.monotonic()
+            subprocess.run(command, capture_output=True, env=env, timeout=self.timeout)
+            span = min(span, time.monotonic() - started)
+        draw = random.Random(int(runs))
+        stopped = 0
+        for run_number in range(int(runs)):
+            signal_number = [signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGPIPE][run_number % 4]
+            moment = draw.uniform(0.01, span)
+            child = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=env,
+                                     preexec_fn=no_core_dumps)
+            time.sleep(moment)
+            child.send_signal(signal_number)
+            err = child.communicate(timeout=self.timeout)[1]
+            said = f"run {run_number + 1}, {signal_number.name} at {moment:.2f} s:"
+            stopped += child.returncode == 128 + signal_number
+            if child.returncode not in (0, 1, 128 + signal_number):
+                self.record(f"{said} exit {child.returncode}: {err.decode(errors='replace').strip()}")
+            mounts, loops = self.left_behind()
+            strays = [pid for pid in os.listdir("/proc") if parent_of(pid) == os.getpid()]
+            files = sorted(name for name in set(os.listdir(self.scratch)) - before if not name.endswith(".count"))
+            for what, items in (("mounted", mounts), ("attached", loops), ("running", strays), ("files", files)):
+                if items:
+                    self.record(f"{said} left {what}: {', '.join(items)}")
+            for pid in strays:
+                os.kill(int(pid), signal.SIGKILL)
+                os.waitpid(int(pid), 0)
+        self.record(f"{'at least' if stopped >= int(runs) // 4 else 'fewer than'} a quarter of the runs were stopped"
+                    " by their signal")
 
     def step_exists(self, path):
         self.record(f"$ exists {path}")
@@ -722,12 +781,13 @@ class Case:
         for line in lines or ["unchanged"]:
             self.record(line)
 
-    def step_fsck(self):
-        self.record("$ fsck.exfat -n {IMAGE}")
+    def step_fsck(self, path="{IMAGE}"):
+        """fsck.exfat -n on the image, or on a file the campaign made."""
+        self.record(f"$ fsck.exfat -n {path}")
         if self.guest:
-            status, out, _ = self.guest.run(f"fsck.exfat -n {self.guest.image} 2>&1")
+            status, out, _ = self.guest.run(f"fsck.exfat -n {self.substitute(path)} 2>&1")
         else:
-            result = subprocess.run(["fsck.exfat", "-n", self.image.path], stdout=subprocess.PIPE,
+            result = subprocess.run(["fsck.exfat", "-n", self.substitute(path)], stdout=subprocess.PIPE,
                                     stderr=subprocess.STDOUT)
             status, out = result.returncode, result.stdout
         self.record_output(out)
@@ -856,7 +916,8 @@ class Case:
 
 
 STEPS_THAT_LOOK = {"run", "changes", "fsck", "loop", "mount", "volume", "campaign"}
-MOUNTING_STEPS = {"loop", "mount", "volume", "campaign", "campaign-verdicts", "campaign-to", "interrupt"}
+MOUNTING_STEPS = {"loop", "mount", "volume", "campaign", "campaign-verdicts", "campaign-to", "interrupt",
+                  "signals"}
 IN_THE_MACHINE = {"machine", "image", "mkfs", "volume", "loop", "mount", "unmount", "rand",
                   "copy", "campaign", "markdown", "readme",
                   "timeout", "run", "sh", "fsck", "ls", "count", "md5", "period"}
@@ -873,6 +934,8 @@ PLACEHOLDER = {"{N}": r"\d+", "{HEX}": r"[0-9a-f]+", "{NAME}": r"[A-Za-z]{0,255}
 # regions and entry sets, which take in each volume's random serial number.
 VOLATILE = [(re.compile(pattern), replacement) for pattern, replacement in [
     (r"/dev/loop\d+", "/dev/loop{N}"),
+    (r"^(stderr: \[\d+/\d+, \d+ left\] .*) in \d+ s$", r"\1 in {N} s"),
+    (r"campaign \d+ ended without clearing up", "campaign {N} ended without clearing up"),
     (r"\(loop\d+\)", "(loop{N})"),
     (r"^((  )?# kernel: \d+\.\d+)\..*", r"\1.{*}"),
     (r"invalid checksum \(0x[0-9a-f]+ != 0x[0-9a-f]+\)", "invalid checksum (0x{HEX} != 0x{HEX})"),

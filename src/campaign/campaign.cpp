@@ -1,8 +1,6 @@
 #include "campaign/campaign.h"
 
-#include <stdlib.h>
 #include <sys/random.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fcntl.h>
@@ -14,6 +12,8 @@
 
 #include "campaign/machine/child.h"
 #include "campaign/machine/interrupt.h"
+#include "campaign/machine/leftovers.h"
+#include "campaign/machine/workspace.h"
 #include "campaign/options.h"
 #include "campaign/preflight.h"
 #include "campaign/report/markdown.h"
@@ -31,29 +31,6 @@ constexpr int kSkipped = 4;
 // How long the campaign waits at its end for a process it adopted.
 constexpr std::chrono::seconds kStrayLimit{30};
 
-// The campaign's own directory for mount points, removed when it goes.
-class Workspace {
- public:
-  Workspace() {
-    const char* temporary = getenv("TMPDIR");
-    std::string pattern = std::string(temporary && *temporary ? temporary : "/tmp") + "/qvexfat-campaign.XXXXXX";
-    if (!mkdtemp(pattern.data())) throw ErrnoException(errno, pattern);
-    m_directory = pattern;
-    if (mkdir(MountPoint().c_str(), 0755) != 0) throw ErrnoException(errno, MountPoint());
-  }
-  ~Workspace() {
-    rmdir(MountPoint().c_str());
-    rmdir(m_directory.c_str());
-  }
-  Workspace(const Workspace&) = delete;
-  Workspace& operator=(const Workspace&) = delete;
-
-  std::string MountPoint() const { return m_directory + "/mnt"; }
-
- private:
-  std::string m_directory;
-};
-
 std::vector<std::string> Header(const CampaignOptions& options, const Stack& stack, const ScratchStore& store) {
   std::vector<std::string> header{"kernel: " + stack.kernel, "checker: " + stack.checker, "tool: " + stack.tool,
                                   std::string("driver: ") + (options.driver == Driver::kFuse ? "fuse" : "kernel")};
@@ -64,11 +41,6 @@ std::vector<std::string> Header(const CampaignOptions& options, const Stack& sta
   return header;
 }
 
-// The seed of the run's file contents. On a scratch device it is drawn
-// anew each run, so that a card that drops writes cannot show an earlier
-// run's bytes as the right ones; an image is made empty for each row, and
-// a fixed seed keeps what the checker prints of the bytes the same from
-// run to run.
 // "2026-11-25 10:31 UTC"
 std::string Now() {
   const time_t now = time(nullptr);
@@ -87,6 +59,11 @@ void OpenStandardDescriptors() {
     if (fcntl(fd, F_GETFD) == -1 && errno == EBADF) open("/dev/null", O_RDWR);
 }
 
+// The seed of the run's file contents. On a scratch device it is drawn
+// anew each run, so that a card that drops writes cannot show an earlier
+// run's bytes as the right ones; an image is made empty for each row, and
+// a fixed seed keeps what the checker prints of the bytes the same from
+// run to run.
 uint32_t RunSeed(const ScratchStore& store) {
   uint32_t seed = 0;
   if (!store.IsImage() && getrandom(&seed, sizeof seed, 0) != sizeof seed)
@@ -109,40 +86,23 @@ bool AwaitStrays() {
   return all_ended;
 }
 
-// Runs the rows; 0 when every row is ok, 1 when some row is not, 128 + N
-// after signal N.
-int Campaign(const CampaignOptions& options, const std::vector<const Row*>& rows, const Stack& stack) {
-  std::optional<ReportFile> markdown;
-  if (!options.markdown.empty()) markdown = ReportFile::Create(options.markdown);
-  std::unique_ptr<ScratchStore> store = options.image.empty()
-                                            ? ScratchStore::OpenDevice(options.device)
-                                            : ScratchStore::CreateImage(options.image, options.size);
-  if (options.keep) store->Keep();
-  const Workspace workspace;
-  KernelLog kernel_log;
-  Progress progress(rows.size());
-  const std::vector<std::string> header = Header(options, stack, *store);
-  std::vector<std::string> markdown_stack = header;
-  markdown_stack.push_back("date: " + Now());
-  if (markdown) markdown->Replace(MarkdownTables(markdown_stack, {}));
-  ReportFile out(STDOUT_FILENO, "standard output");
-  KtapWriter ktap(out, header, rows.size());
-  Reporter reporter(ktap, progress);
-  Context context{options.driver, options.tool,      options.checker, options.limits, workspace.MountPoint(),
-                  *store,         kernel_log,        RunSeed(*store)};
-
+// Runs the rows in turn until a signal stops the run; the signal's number,
+// or 0.
+int RunRows(const std::vector<const Row*>& rows, Context& context, Reporter& reporter, KtapWriter& ktap,
+            std::optional<ReportFile>& markdown, const std::vector<std::string>& markdown_stack) {
   int stopped_by = 0;
-  for (size_t i = 0; i < rows.size(); ++i) {
+  for (const Row* row : rows) {
     if (stopped_by == 0) stopped_by = PendingInterrupt();
     if (stopped_by != 0) {
-      reporter.NotRun(*rows[i], Interrupted(stopped_by).what());
+      reporter.NotRun(*row, Interrupted(stopped_by).what());
       continue;
     }
-    reporter.BeginRow(*rows[i]);
+    reporter.BeginRow(*row);
     try {
-      if (rows[i]->damage) RunDamageRow(context, *rows[i], RowSeed(context.seed, *rows[i]), reporter);
-      else RunVolumeRow(context, *rows[i], reporter);
+      if (row->damage) RunDamageRow(context, *row, RowSeed(context.seed, *row), reporter);
+      else RunVolumeRow(context, *row, reporter);
       reporter.EndRow();
+      TakeTeardownNotes();  // what a finished row took down was its own business
     } catch (const Interrupted& e) {  // by now what the row mounted and attached is undone
       stopped_by = e.SignalNumber();
       reporter.AbandonRow(e.what());
@@ -150,18 +110,66 @@ int Campaign(const CampaignOptions& options, const std::vector<const Row*>& rows
       throw;
     } catch (const std::exception& e) {  // the campaign's own trouble: a loop device it could not set up
       reporter.AbandonRow(std::string("the campaign could not go on: ") + e.what());
+      if (const std::string undone = TakeTeardownNotes().Describe(); !undone.empty()) ktap.Note("undone: " + undone);
     }
     // The table as it stands, so that a run that stops keeps it.
     if (markdown) markdown->Replace(MarkdownTables(markdown_stack, reporter.Records()));
   }
-  if (markdown) markdown->Close();
-  if (!AwaitStrays()) ktap.Note("a process the campaign started did not end, and was killed");
-  if (stopped_by != 0) {
-    const std::string why = Interrupted(stopped_by).what();
-    ktap.Note(why + ": stopped, with what it mounted and attached undone");
-    fprintf(stderr, "qvexfat-campaign: %s\n", why.c_str());
-    return 128 + stopped_by;
+  return stopped_by;
+}
+
+// Runs the rows; 0 when every row is ok, 1 when some row is not, 128 + N
+// after signal N. Whatever way it ends, nothing it set up is left: what is
+// still mounted below its directory or attached over its store is found
+// and undone, and an interrupted run says, by name, what it undid.
+int Campaign(const CampaignOptions& options, const std::vector<const Row*>& rows, const Stack& stack) {
+  std::unique_ptr<ScratchStore> store = options.image.empty()
+                                            ? ScratchStore::OpenDevice(options.device)
+                                            : ScratchStore::CreateImage(options.image, options.size);
+  if (options.keep) store->Keep();
+  Workspace workspace(store->Path(), store->IsImage(), options.keep);
+  std::optional<ReportFile> markdown;
+  if (!options.markdown.empty()) markdown = ReportFile::Create(options.markdown);
+  KernelLog kernel_log;
+  Progress progress(rows.size());
+  TellLongWaits([&progress](const std::string& what, std::chrono::seconds so_far) { progress.Waiting(what, so_far); });
+  const std::vector<std::string> header = Header(options, stack, *store);
+  std::vector<std::string> markdown_stack = header;
+  markdown_stack.push_back("date: " + Now());
+  if (markdown) markdown->Replace(MarkdownTables(markdown_stack, {}));
+  ReportFile out(STDOUT_FILENO, "standard output");
+  KtapWriter ktap(out, header, rows.size());
+  Reporter reporter(ktap, progress);
+  Context context{options.driver, options.tool, options.checker,   options.limits,       workspace.MountPoint(),
+                  *store,         kernel_log,   RunSeed(*store), store->IsImage() && options.keep};
+
+  int stopped_by = 0;
+  try {
+    stopped_by = RunRows(rows, context, reporter, ktap, markdown, markdown_stack);
+  } catch (const Interrupted& e) {  // the report's reader has gone (SIGPIPE)
+    stopped_by = e.SignalNumber();
   }
+  if (markdown) markdown->Close();
+  Teardown teardown = TakeTeardownNotes();
+  if (!AwaitStrays()) teardown.left.push_back("a process the campaign started did not end, and was killed");
+  const Teardown swept = Sweep(workspace.Directory(), store->Path());
+  teardown.Add(swept);
+  const std::string image = store->IsImage() && !options.keep ? store->Path() : "";
+  store.reset();
+  if (!image.empty()) teardown.undone.push_back("removed " + image);
+  const std::string directory = workspace.Directory();
+  if (const std::string left = workspace.Remove(); left.empty()) teardown.undone.push_back("removed " + directory);
+  else teardown.left.push_back(left);
+
+  if (stopped_by == 0) stopped_by = PendingInterrupt();  // a signal during the teardown
+  if (stopped_by != 0 || !swept.undone.empty() || !teardown.left.empty()) {
+    const std::string said = (stopped_by != 0 ? Interrupted(stopped_by).what() + std::string(": stopped; ")
+                                              : std::string("left over after the rows: ")) +
+                             teardown.Describe();
+    ktap.Note(said);
+    fprintf(stderr, "qvexfat-campaign: %s\n", said.c_str());
+  }
+  if (stopped_by != 0) return 128 + stopped_by;
   return reporter.AllOk() ? 0 : 1;
 }
 
@@ -182,14 +190,29 @@ int RunCampaign(int argc, char* argv[]) {
             usage.substr(0, usage.find("\n\n") + 1).c_str());
     return kRefused;
   }
+  // From here on a signal stops the run where it is, undoing what it set up.
+  CatchInterrupts();
+  // A campaign killed outright may have left the image this run would make.
+  if (geteuid() == 0)
+    for (const std::string& cleared : ClearAbandonedWorkspaces())
+      fprintf(stderr, "qvexfat-campaign: %s\n", cleared.c_str());
   Stack stack;
-  const Refusal refusal = Preflight(options, rows, stack);
+  Refusal refusal;
+  try {
+    refusal = Preflight(options, rows, stack);
+  } catch (const Interrupted& e) {
+    fprintf(stderr, "qvexfat-campaign: %s before it began\n", e.what());
+    return 128 + e.SignalNumber();
+  }
   if (!refusal.reason.empty()) {
     if (refusal.missing_prerequisite) printf("KTAP version 1\n1..0 # SKIP %s\n", refusal.reason.c_str());
     fprintf(stderr, "qvexfat-campaign: %s\n", refusal.reason.c_str());
     return refusal.missing_prerequisite ? kSkipped : kRefused;
   }
-  CatchInterrupts();
+  if (const int signal_number = PendingInterrupt()) {
+    fprintf(stderr, "qvexfat-campaign: %s before it began\n", Interrupted(signal_number).what());
+    return 128 + signal_number;
+  }
   BecomeSubreaper();
   try {
     return Campaign(options, rows, stack);

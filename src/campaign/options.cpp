@@ -17,15 +17,21 @@ std::vector<std::string> SplitCommas(const std::string& text) {
   return names;
 }
 
+// "600": whole seconds, at least one and under four months; 0 when the
+// text is not that.
+std::chrono::seconds ParseSeconds(const std::string& text) {
+  if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos || text.size() > 7)
+    return std::chrono::seconds(0);
+  return std::chrono::seconds(std::stol(text));
+}
+
 // "checker=60,mount=30": the time limits given, in seconds; false when the
 // text is not that.
 bool ParseLimits(const std::string& text, Limits& limits) {
   for (const std::string& item : SplitCommas(text)) {
     const size_t equals = item.find('=');
     const std::string name = item.substr(0, equals);
-    const std::string value = equals == std::string::npos ? "" : item.substr(equals + 1);
-    if (value.empty() || value.find_first_not_of("0123456789") != std::string::npos || value.size() > 7) return false;
-    const std::chrono::seconds seconds(std::stol(value));
+    const std::chrono::seconds seconds = ParseSeconds(equals == std::string::npos ? "" : item.substr(equals + 1));
     if (seconds.count() == 0) return false;
     if (name == "checker") limits.checker = seconds;
     else if (name == "mount") limits.mount = seconds;
@@ -40,7 +46,8 @@ bool ParseLimits(const std::string& text, Limits& limits) {
 std::string Usage() {
   std::string usage =
       "Usage: qvexfat-campaign [--driver kernel|fuse] [--only NAMES] [--markdown FILE]\n"
-      "                        [--tool PATH] [--fsck PATH] [--keep] [--limits LIMITS]\n"
+      "                        [--tool PATH] [--fsck PATH] [--keep] [--timeout SECONDS]\n"
+      "                        [--limits LIMITS]\n"
       "                        (--image FILE [--size SIZE] |\n"
       "                         --device DEV --yes [--whole-disk])\n"
       "\n"
@@ -58,8 +65,10 @@ std::string Usage() {
       "  --only NAMES   comma-separated rows; \"damage\" and \"volume\" name the groups\n"
       "  --markdown F   the results as Markdown tables in F\n"
       "  --tool, --fsck the programs to try (qvexfat-test, fsck.exfat)\n"
-      "  --limits L     seconds a program may take before its step is TIMEOUT, as\n"
-      "                 checker=600,mount=300,test=3600 (the defaults)\n"
+      "  --timeout S    seconds any program may take before its step is TIMEOUT\n"
+      "                 (default: 600 for the checker, 300 for a mount, 3600 for\n"
+      "                 the tool's volume test)\n"
+      "  --limits L     one limit each, over --timeout: checker=S,mount=S,test=S\n"
       "  --help, --version\n"
       "\n"
       "Rows:\n";
@@ -90,11 +99,13 @@ CampaignOptions ParseOptions(int argc, char* argv[], std::string& error) {
       {"device", required_argument, nullptr, 'd'},  {"yes", no_argument, nullptr, 'y'},
       {"limits", required_argument, nullptr, 'l'},  {"help", no_argument, nullptr, 'h'},
       {"version", no_argument, nullptr, 'V'},       {"whole-disk", no_argument, nullptr, 'w'},
+      {"timeout", required_argument, nullptr, 'T'},
       {nullptr, 0, nullptr, 0},
   };
   CampaignOptions options;
   opterr = 0;
   std::string seen;  // the options given so far: a second one would silently win
+  std::string limits;  // read once --timeout is known, which it refines
   for (int option; (option = getopt_long(argc, argv, "h", kOptions, nullptr)) != -1;) {
     const std::string value = optarg ? optarg : "";
     if (option != '?' && seen.find(static_cast<char>(option)) != std::string::npos) {
@@ -115,10 +126,13 @@ CampaignOptions ParseOptions(int argc, char* argv[], std::string& error) {
         options.checker = value;
         options.checker_given = true;
         break;
-      case 'l':
-        if (!ParseLimits(value, options.limits))
-          error = "--limits takes checker=S,mount=S,test=S in seconds, not " + value;
+      case 'T': {
+        const std::chrono::seconds seconds = ParseSeconds(value);
+        if (seconds.count() == 0) error = "--timeout takes whole seconds, at least 1, not " + value;
+        options.limits = Limits{seconds, seconds, seconds};
         break;
+      }
+      case 'l': limits = value; break;
       case 'k': options.keep = true; break;
       case 'i': options.image = value; break;
       case 's':
@@ -137,7 +151,9 @@ CampaignOptions ParseOptions(int argc, char* argv[], std::string& error) {
     if (!error.empty()) return options;
   }
   if (options.help || options.version) return options;
-  if (optind < argc) error = std::string("unexpected argument: ") + argv[optind];
+  if (seen.find('l') != std::string::npos && !ParseLimits(limits, options.limits))
+    error = "--limits takes checker=S,mount=S,test=S in seconds, not " + limits;
+  else if (optind < argc) error = std::string("unexpected argument: ") + argv[optind];
   else if (options.image.empty() == options.device.empty()) error = "give either --image FILE or --device DEV";
   else if (!options.device.empty() && options.size != 0) error = "--size is for --image";
   else if (options.device.empty() && options.whole_disk) error = "--whole-disk is for --device";

@@ -54,6 +54,13 @@ TEST(Options, TakesTimeLimitsInSeconds) {
   EXPECT_EQ(options.limits.test.count(), 7);
   for (const char* bad : {"checker=0", "mount=", "fsck=5", "checker=5s", "checker=99999999"})
     EXPECT_NE(Parsed({"c", "--image", "x", "--limits", bad}, options), "") << bad;
+  // --limits refines --timeout, in either order.
+  EXPECT_EQ(Parsed({"c", "--limits", "mount=9", "--timeout", "30", "--image", "x"}, options), "");
+  EXPECT_EQ(options.limits.checker.count(), 30);
+  EXPECT_EQ(options.limits.mount.count(), 9);
+  EXPECT_EQ(options.limits.test.count(), 30);
+  for (const char* bad : {"0", "", "-5", "5s", "99999999"})
+    EXPECT_NE(Parsed({"c", "--image", "x", "--timeout", bad}, options), "") << bad;
 }
 
 }  // namespace

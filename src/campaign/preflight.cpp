@@ -11,6 +11,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 
 #include "campaign/machine/child.h"
@@ -88,6 +89,17 @@ bool KernelHas(const std::string& filesystem) {
 
 std::string Room(const std::string& image, uint64_t size);
 
+// Two of the paths the campaign writes naming one file: the report would
+// be written into the volumes, or the other way round.
+std::string SamePaths(const CampaignOptions& options) {
+  if (options.markdown.empty()) return "";
+  const std::string store = options.image.empty() ? options.device : options.image;
+  std::error_code markdown_error, store_error;
+  const std::filesystem::path markdown = std::filesystem::weakly_canonical(options.markdown, markdown_error);
+  const bool same = markdown == std::filesystem::weakly_canonical(store, store_error) && !markdown_error && !store_error;
+  return same ? "--markdown names " + store + ", where the campaign's volumes are to be" : "";
+}
+
 std::string Sizes(CampaignOptions& options, const std::vector<const Row*>& rows) {
   const Row* largest = nullptr;
   for (const Row* row : rows)
@@ -124,6 +136,7 @@ std::string Room(const std::string& image, uint64_t size) {
 Refusal Preflight(CampaignOptions& options, const std::vector<const Row*>& rows, Stack& stack) {
   const auto usage = [](const std::string& reason) { return Refusal{reason, false}; };
   const auto skip = [](const std::string& reason) { return Refusal{reason, true}; };
+  if (std::string clash = SamePaths(options); !clash.empty()) return usage(clash);
   if (!options.device.empty() && access(options.device.c_str(), F_OK) != 0)
     return usage(options.device + ": " + strerror(errno));
   if (!options.device.empty() && !options.yes)
@@ -163,6 +176,10 @@ Refusal Preflight(CampaignOptions& options, const std::vector<const Row*>& rows,
       if (std::string refusal = WholeDiskRefusal(options.device); !refusal.empty()) return usage(refusal);
   } else if (access(options.image.c_str(), F_OK) == 0) {
     return usage(options.image + " exists: the campaign makes its image itself");
+  } else if (options.keep) {
+    for (const Row* row : rows)
+      if (const std::string kept = KeptVolumePath(options.image, *row); row->damage && access(kept.c_str(), F_OK) == 0)
+        return usage(kept + " exists: --keep keeps the damaged volume of row " + row->name + " there");
   }
   if (std::string too_small = Sizes(options, rows); !too_small.empty()) return usage(too_small);
 

@@ -23,6 +23,13 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kPoll = std::chrono::milliseconds(100);
 // How long a killed child may take to go.
 constexpr auto kKillGrace = std::chrono::seconds(5);
+// A wait longer than this is told, and again each time as long.
+constexpr auto kLongWait = std::chrono::seconds(30);
+
+std::function<void(const std::string&, std::chrono::seconds)>& LongWaitListener() {
+  static std::function<void(const std::string&, std::chrono::seconds)> listener;
+  return listener;
+}
 
 // Endings of adopted children reaped before anyone asked for them.
 std::map<pid_t, Ending>& Reaped() {
@@ -70,7 +77,8 @@ void Drain(int fd, std::string& output) {
 // limit passes or the campaign is interrupted. The output is read until
 // the child itself has exited, not until the pipe closes: a daemon it left
 // behind may hold the pipe open for good.
-Ending Supervise(std::chrono::seconds limit, const std::function<void()>& body, std::string& output) {
+Ending Supervise(const std::string& what, std::chrono::seconds limit, const std::function<void()>& body,
+                 std::string& output) {
   ThrowIfInterrupted();
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) throw ErrnoException(errno, "pipe2");
@@ -93,8 +101,14 @@ Ending Supervise(std::chrono::seconds limit, const std::function<void()>& body, 
   write_end.Reset();
   fcntl(read_end.Get(), F_SETFL, O_NONBLOCK);
 
-  const auto deadline = Clock::now() + limit;
+  const auto started = Clock::now();
+  const auto deadline = started + limit;
+  auto next_word = started + kLongWait;
   for (;;) {
+    if (Clock::now() >= next_word && LongWaitListener()) {
+      LongWaitListener()(what, std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - started));
+      next_word += kLongWait;
+    }
     pollfd watched{read_end.Get(), POLLIN, 0};
     poll(&watched, 1, static_cast<int>(kPoll.count()));
     Drain(read_end.Get(), output);
@@ -158,10 +172,14 @@ std::vector<std::string> ProgramRun::Lines() const {
   return lines;
 }
 
+void TellLongWaits(std::function<void(const std::string& what, std::chrono::seconds so_far)> listener) {
+  LongWaitListener() = std::move(listener);
+}
+
 ProgramRun RunProgram(const std::vector<std::string>& argv, std::chrono::seconds limit) {
   ProgramRun run;
   run.end = Supervise(
-      limit,
+      argv.front().substr(argv.front().rfind('/') + 1), limit,
       [&argv] {
         std::vector<char*> args;
         for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
@@ -194,7 +212,7 @@ bool Isolate(std::chrono::seconds limit, const std::function<void(int)>& work, v
   UniqueFd read_end(fds[0]);
   UniqueFd write_end(fds[1]);
   end = Supervise(
-      limit,
+      "the driver", limit,
       [&] {
         read_end.Reset();
         try {

@@ -37,6 +37,10 @@ struct ProgramRun {
   std::vector<std::string> Lines() const;
 };
 
+// Has `listener` told, every 30 s, of a program or a child working through
+// the driver that is still being waited for: "fsck.exfat", "the driver".
+void TellLongWaits(std::function<void(const std::string& what, std::chrono::seconds so_far)> listener);
+
 // Runs a program (found on PATH when the name has no slash) with no input.
 // Past `limit` it is killed, with everything in its process group.
 ProgramRun RunProgram(const std::vector<std::string>& argv, std::chrono::seconds limit);

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <thread>
 
+#include "campaign/machine/leftovers.h"
 #include "platform/errno_exception.h"
 
 namespace {
@@ -65,15 +66,26 @@ void LoopDevice::DropCaches() const {
   if (m_fd.IsOpen()) ioctl(m_fd.Get(), BLKFLSBUF, 0);
 }
 
+LoopDevice::~LoopDevice() {
+  if (!m_fd.IsOpen()) return;
+  const std::string left = Release();
+  if (left.empty()) NoteUndone("detached " + m_path);
+  else NoteLeft(left);
+}
+
 std::string LoopDevice::Release() {
   if (!m_fd.IsOpen()) return "";
   m_fd.Reset();
-  const std::string backing = "/sys/block/" + m_name + "/loop/backing_file";
+  if (AwaitDetached(m_name)) return "";
+  return m_path + " is still attached " + std::to_string(kDetachLimit.count()) + " s after its last use";
+}
+
+bool AwaitDetached(const std::string& name) {
+  const std::string backing = "/sys/block/" + name + "/loop/backing_file";
   const auto deadline = std::chrono::steady_clock::now() + kDetachLimit;
   while (access(backing.c_str(), F_OK) == 0) {
-    if (std::chrono::steady_clock::now() >= deadline)
-      return m_path + " is still attached " + std::to_string(kDetachLimit.count()) + " s after its last use";
+    if (std::chrono::steady_clock::now() >= deadline) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
-  return "";
+  return true;
 }

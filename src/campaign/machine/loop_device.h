@@ -15,7 +15,8 @@ class LoopDevice {
   // cache, so that what is read back comes from the medium. Throws
   // ErrnoException when no loop device can be set up.
   LoopDevice(int backing_fd, uint64_t size, bool direct);
-  ~LoopDevice() { Release(); }
+  // Torn down early (an interrupt, a row abandoned): says so for the run.
+  ~LoopDevice();
   LoopDevice(const LoopDevice&) = delete;
   LoopDevice& operator=(const LoopDevice&) = delete;
 
@@ -34,3 +35,7 @@ class LoopDevice {
   std::string m_path;
   std::string m_name;
 };
+
+// Waits up to ten seconds for the kernel to detach a loop device ("loop3");
+// true once it has.
+bool AwaitDetached(const std::string& name);

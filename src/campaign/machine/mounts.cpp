@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "campaign/machine/interrupt.h"
+#include "campaign/machine/leftovers.h"
 
 namespace {
 
@@ -74,7 +75,8 @@ MountAttempt TryMount(Driver driver, const std::string& device, const std::strin
 
 MountedVolume::~MountedVolume() {
   if (!m_mounted) return;
-  umount2(m_directory.c_str(), MNT_DETACH);
+  if (umount2(m_directory.c_str(), MNT_DETACH) == 0) NoteUndone("unmounted " + m_directory);
+  else NoteLeft(m_directory + " stays mounted (" + strerror(errno) + ")");
   for (pid_t daemon : m_daemons) AwaitChild(daemon, seconds(5));
 }
 
@@ -138,7 +140,7 @@ MountAttempt Mount(Driver driver, const std::string& device, const std::string& 
     return TryMount(driver, device, directory, limit);
   } catch (const Interrupted&) {
     // The helper may have mounted before it was stopped.
-    umount2(directory.c_str(), MNT_DETACH);
+    if (umount2(directory.c_str(), MNT_DETACH) == 0) NoteUndone("unmounted " + directory);
     for (pid_t daemon : AdoptedChildren()) AwaitChild(daemon, seconds(5));
     throw;
   }

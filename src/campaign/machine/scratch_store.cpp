@@ -27,8 +27,21 @@ std::unique_ptr<ScratchStore> ScratchStore::CreateImage(const std::string& path,
   UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
   if (!fd.IsOpen()) throw ErrnoException(errno, path);
   std::unique_ptr<ScratchStore> store(new ScratchStore(path, std::move(fd), size, true));
-  if (ftruncate(store->m_fd.Get(), static_cast<off_t>(size)) != 0) throw ErrnoException(errno, path);
+  store->Allocate();
   return store;
+}
+
+void ScratchStore::Allocate() {
+  if (ftruncate(m_fd.Get(), static_cast<off_t>(m_size)) != 0) throw ErrnoException(errno, m_path);
+  // Taken up front, so that a row's writes cannot find the filesystem full;
+  // where the filesystem cannot do so, the image stays sparse.
+  if (fallocate(m_fd.Get(), 0, 0, static_cast<off_t>(m_size)) != 0 && errno != EOPNOTSUPP) {
+    const int error = errno;
+    struct statvfs info {};
+    const uint64_t free = fstatvfs(m_fd.Get(), &info) == 0 ? uint64_t{info.f_bavail} * info.f_frsize : 0;
+    throw ErrnoException(error, m_path + " (" + FormatSize(m_size) + ", with " + std::to_string(free >> 20) +
+                                    " MiB free beside it)");
+  }
 }
 
 std::unique_ptr<ScratchStore> ScratchStore::OpenDevice(const std::string& path) {
@@ -44,8 +57,10 @@ ScratchStore::~ScratchStore() {
 }
 
 std::unique_ptr<LoopDevice> ScratchStore::FreshVolume(uint64_t size) {
-  if (m_image && (ftruncate(m_fd.Get(), 0) != 0 || ftruncate(m_fd.Get(), static_cast<off_t>(m_size)) != 0))
-    throw ErrnoException(errno, m_path);
+  if (m_image) {
+    if (ftruncate(m_fd.Get(), 0) != 0) throw ErrnoException(errno, m_path);
+    Allocate();
+  }
   return std::make_unique<LoopDevice>(m_fd.Get(), size, !m_image);
 }
 

@@ -12,8 +12,9 @@
 // store's first bytes, as many as the row needs.
 class ScratchStore {
  public:
-  // Makes a sparse image of `size` bytes; an existing file is refused
-  // (ErrnoException EEXIST).
+  // Makes an image of `size` bytes, allocated where the filesystem can;
+  // an existing file is refused (ErrnoException EEXIST), and so is a
+  // filesystem without room for it.
   static std::unique_ptr<ScratchStore> CreateImage(const std::string& path, uint64_t size);
   // Opens a block device exclusively, so that nothing mounts it meanwhile.
   static std::unique_ptr<ScratchStore> OpenDevice(const std::string& path);
@@ -40,6 +41,8 @@ class ScratchStore {
 
  private:
   ScratchStore(std::string path, UniqueFd fd, uint64_t size, bool image);
+  // The image emptied and its blocks taken again.
+  void Allocate();
 
   std::string m_path;
   UniqueFd m_fd;

@@ -3,6 +3,13 @@
 namespace {
 
 // "in write, repair": the steps that made a row not ok.
+// "ok", "not ok", "not ok (TIMEOUT)", "skipped".
+std::string InAWord(const Verdict& verdict) {
+  if (verdict.directive == "SKIP") return "skipped";
+  const std::string word = verdict.ok ? "ok" : "not ok";
+  return verdict.directive.empty() ? word : word + " (" + verdict.directive + ")";
+}
+
 std::string FailedSteps(const RowRecord& record) {
   std::string names;
   for (size_t i = 0; i < record.verdicts.size(); ++i)
@@ -37,6 +44,7 @@ void Reporter::EndRow() {
   if (record.verdict.directive == "SKIP") record.said = record.steps.front().skipped;
   else if (!record.verdict.ok) record.said = FailedSteps(record);
   m_ktap.EndRow(m_records.size(), record.row->name, record.verdict, record.said);
+  m_progress.EndRow(InAWord(record.verdict));
 }
 
 void Reporter::AbandonRow(const std::string& why) {
@@ -49,6 +57,7 @@ void Reporter::AbandonRow(const std::string& why) {
   record.verdict = {false, "ERROR", {why}};
   record.said = why;
   m_ktap.EndRow(m_records.size(), record.row->name, record.verdict, record.said);
+  m_progress.EndRow(InAWord(record.verdict));
 }
 
 void Reporter::NotRun(const Row& row, const std::string& why) {

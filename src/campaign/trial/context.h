@@ -26,4 +26,5 @@ struct Context {
   ScratchStore& store;
   KernelLog& kernel_log;
   uint32_t seed;  // the run's: the rows' file contents follow from it
+  bool keep_damaged = false;  // each damage row's volume copied as it is once damaged
 };

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "campaign/machine/sector_snapshot.h"
+#include "campaign/machine/volume_copy.h"
 #include "campaign/trial/volume_layout.h"
 
 namespace {
@@ -63,6 +64,17 @@ std::string MakeVolume(const Context& context, const Row& row, const KnownTree& 
   return "";
 }
 
+// A copy of the damaged volume beside the image, for a look at it later.
+void Keep(const Context& context, const Row& row, const VolumeUnderTest& volume, StepObservation& step) {
+  const std::string path = KeptVolumePath(context.store.Path(), row);
+  try {
+    CopyVolume(volume.Device(), row.volume_bytes, path);
+    step.lines.push_back("kept: the damaged volume as " + path);
+  } catch (const std::exception& e) {
+    step.lines.push_back(std::string("kept: nothing, the copy failed: ") + e.what());
+  }
+}
+
 std::string Damage(const Context& context, const Row& row, const KnownTree& tree, VolumeUnderTest& volume,
                    StepObservation& step, Aim& aim) {
   try {
@@ -82,6 +94,7 @@ std::string Damage(const Context& context, const Row& row, const KnownTree& tree
     const std::vector<uint64_t> changed = SectorSnapshot(volume.Device()).ChangedSince(before);
     if (!changed.empty()) {
       step.lines.push_back(ChangedLine(changed));
+      if (context.keep_damaged) Keep(context, row, volume, step);
       step.said = step.cell =
           fmt::format("damaged {} {}{}", changed.size(), changed.size() == 1 ? "sector" : "sectors", Hits(aim));
       return "";

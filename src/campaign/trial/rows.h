@@ -35,3 +35,7 @@ const std::vector<Row>& AllRows();
 
 // The steps of a row, in order: its KTAP plan.
 std::vector<std::string> StepNames(const Row& row);
+
+// Where --keep keeps a damage row's volume as it was once damaged:
+// "<image>.<row>.img".
+inline std::string KeptVolumePath(const std::string& image, const Row& row) { return image + "." + row.name + ".img"; }

@@ -34,8 +34,7 @@ VolumeUnderTest::VolumeUnderTest(Context& context, RowListener& listener, uint64
 }
 
 VolumeUnderTest::~VolumeUnderTest() {
-  m_mount.reset();
-  m_loop->Release();
+  m_mount.reset();  // before the loop device it is mounted from
 }
 
 StepObservation VolumeUnderTest::Begin(const std::string& name) {
