@@ -33,6 +33,15 @@ bool ReadOnly(const std::string& directory) {
   return (info.f_flag & ST_RDONLY) != 0;
 }
 
+// exfat-fuse's own word for a refusal, its last error: ": bad cluster 0
+// while reading root directory.", or "".
+std::string HelpersReason(const std::vector<std::string>& driver_lines) {
+  const std::string error = "mount.exfat-fuse: ERROR: ";
+  for (auto line = driver_lines.rbegin(); line != driver_lines.rend(); ++line)
+    if (line->rfind(error, 0) == 0) return ": " + line->substr(error.size());
+  return "";
+}
+
 MountAttempt TryMount(Driver driver, const std::string& device, const std::string& directory, seconds limit) {
   MountAttempt attempt;
   if (driver == Driver::kKernel) {
@@ -67,7 +76,7 @@ MountAttempt TryMount(Driver driver, const std::string& device, const std::strin
   }
   // Refused, or the call did not end: whatever came about after all is undone.
   umount2(directory.c_str(), MNT_DETACH);
-  attempt.refusal = attempt.helper.Describe();
+  attempt.refusal = attempt.helper.Describe() + HelpersReason(attempt.driver_lines);
   return attempt;
 }
 
