@@ -5,10 +5,13 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 #include <memory>
 #include <optional>
+
+#include <fmt/format.h>
 
 #include "campaign/machine/child.h"
 #include "campaign/machine/interrupt.h"
@@ -30,6 +33,8 @@ constexpr int kRefused = 2;
 constexpr int kSkipped = 4;
 // How long the campaign waits at its end for a process it adopted.
 constexpr std::chrono::seconds kStrayLimit{30};
+// Rows whose programs could not be stopped before the rest are not run.
+constexpr size_t kStuckRows = 3;
 
 std::vector<std::string> Header(const CampaignOptions& options, const Stack& stack, const ScratchStore& store) {
   std::vector<std::string> header{"kernel: " + stack.kernel, "checker: " + stack.checker, "tool: " + stack.tool,
@@ -86,15 +91,30 @@ bool AwaitStrays() {
   return all_ended;
 }
 
+// Whether a program of the row could not be stopped past its time limit:
+// a task stuck in the driver, which holds on to its device for good.
+bool LeftStuck(const RowRecord& record) {
+  for (const StepObservation& step : record.steps)
+    for (const Run& run : step.runs)
+      if (run.end.stuck) return true;
+  return false;
+}
+
 // Runs the rows in turn until a signal stops the run; the signal's number,
-// or 0.
+// or 0. After a few rows whose programs could not be stopped, the rest are
+// not run: the machine needs a reboot before it can be trusted again.
 int RunRows(const std::vector<const Row*>& rows, Context& context, Reporter& reporter, KtapWriter& ktap,
             std::optional<ReportFile>& markdown, const std::vector<std::string>& markdown_stack) {
   int stopped_by = 0;
+  size_t stuck_rows = 0;
   for (const Row* row : rows) {
     if (stopped_by == 0) stopped_by = PendingInterrupt();
     if (stopped_by != 0) {
       reporter.NotRun(*row, Interrupted(stopped_by).what());
+      continue;
+    }
+    if (stuck_rows >= kStuckRows) {
+      reporter.NotRun(*row, fmt::format("{} rows left programs stuck in the kernel: reboot the machine", stuck_rows));
       continue;
     }
     reporter.BeginRow(*row);
@@ -112,6 +132,10 @@ int RunRows(const std::vector<const Row*>& rows, Context& context, Reporter& rep
       reporter.AbandonRow(std::string("the campaign could not go on: ") + e.what());
       if (const std::string undone = TakeTeardownNotes().Describe(); !undone.empty()) ktap.Note("undone: " + undone);
     }
+    if (!reporter.Records().empty() && LeftStuck(reporter.Records().back()) && ++stuck_rows == kStuckRows)
+      ktap.Note(fmt::format("{} rows left programs that could not be stopped: the rest are not run, and the "
+                            "machine needs a reboot",
+                            stuck_rows));
     // The table as it stands, so that a run that stops keeps it.
     if (markdown) markdown->Replace(MarkdownTables(markdown_stack, reporter.Records()));
   }
@@ -144,10 +168,17 @@ int Campaign(const CampaignOptions& options, const std::vector<const Row*>& rows
                   *store,         kernel_log,   RunSeed(*store), store->IsImage() && options.keep};
 
   int stopped_by = 0;
+  const auto started = std::chrono::steady_clock::now();
   try {
     stopped_by = RunRows(rows, context, reporter, ktap, markdown, markdown_stack);
   } catch (const Interrupted& e) {  // the report's reader has gone (SIGPIPE)
     stopped_by = e.SignalNumber();
+  }
+  // Hundreds of field rows: how fast this machine goes through them.
+  if (std::any_of(rows.begin(), rows.end(), [](const Row* row) { return row->fuzz; })) {
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    fprintf(stderr, "qvexfat-campaign: %zu rows in %.0f s, %.0f rows a minute\n", reporter.Records().size(), seconds,
+            60 * static_cast<double>(reporter.Records().size()) / std::max(seconds, 1.0));
   }
   if (markdown) markdown->Close();
   Teardown teardown = TakeTeardownNotes();

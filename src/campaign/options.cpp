@@ -64,6 +64,9 @@ std::string Usage() {
       "  --whole-disk   confirms a --device that has partitions or a partition table\n"
       "  --driver       kernel (mount -t exfat, the default) or fuse (exfat-fuse)\n"
       "  --only NAMES   comma-separated rows; \"damage\" and \"volume\" name the groups\n"
+      "                 (the default: both), \"fields\" the field rows' quick tier,\n"
+      "                 \"fields-all\" every field row, and a field row's prefix\n"
+      "                 its rows (stream.DataLength)\n"
       "  --markdown F   the results as Markdown tables in F\n"
       "  --tool, --fsck the programs to try (qvexfat-test, fsck.exfat)\n"
       "  --timeout S    seconds any program may take before its step is TIMEOUT\n"
@@ -85,6 +88,8 @@ std::string Usage() {
     }
     usage += line + "\n";
   }
+  usage += "  fields: <structure>.<Field>[.<instance>].<verb>, " + std::to_string(FieldRows().size()) +
+           " rows, such as\n          stream.ValidDataLength.frag-a.firstbit and boot.VolumeLength.ones\n";
   return usage +
          "\nExit status: 0 every row ok, 1 some row not ok, 2 a usage error or a refused\n"
          "device, 4 skipped (a prerequisite missing: root, a driver, loop devices or a\n"
@@ -162,18 +167,38 @@ CampaignOptions ParseOptions(int argc, char* argv[], std::string& error) {
   return options;
 }
 
+namespace {
+
+// Whether `name` picks `row`: its name, its group, or for a field row a
+// prefix of its name that ends at a dot ("stream.DataLength"), unless a row
+// has that very name (the damage row "upcase", not the field rows of the
+// up-case table's entry).
+bool Names(const std::string& name, const Row& row, bool a_row_is_named_so) {
+  if (name == row.name) return true;
+  if (!row.fuzz) return name == (row.damage ? "damage" : "volume");
+  if (name == "fields-all") return true;
+  if (name == "fields") return row.fuzz->quick;
+  return !a_row_is_named_so && row.name.size() > name.size() && row.name.compare(0, name.size(), name) == 0 &&
+         row.name[name.size()] == '.';
+}
+
+}  // namespace
+
 std::vector<const Row*> SelectRows(const std::vector<std::string>& only, std::string& error) {
-  for (const std::string& name : only) {
-    const bool known = name == "damage" || name == "volume" ||
-                       std::any_of(AllRows().begin(), AllRows().end(), [&](const Row& row) { return row.name == name; });
-    if (!known) error = "no row is called \"" + name + "\" (see --help)";
-  }
+  std::vector<const Row*> candidates;
+  for (const Row& row : AllRows()) candidates.push_back(&row);
+  for (const Row& row : FieldRows()) candidates.push_back(&row);
   std::vector<const Row*> rows;
-  for (const Row& row : AllRows()) {
-    const auto named = [&](const std::string& name) {
-      return name == row.name || name == (row.damage ? "damage" : "volume");
-    };
-    if (only.empty() || std::any_of(only.begin(), only.end(), named)) rows.push_back(&row);
+  for (const Row* row : candidates) {
+    bool chosen = only.empty() && !row->fuzz;
+    for (const std::string& name : only) {
+      const bool exact = std::any_of(candidates.begin(), candidates.end(), [&](const Row* r) { return r->name == name; });
+      chosen = chosen || Names(name, *row, exact);
+    }
+    if (chosen) rows.push_back(row);
   }
+  for (const std::string& name : only)
+    if (std::none_of(candidates.begin(), candidates.end(), [&](const Row* row) { return Names(name, *row, false); }))
+      error = "no row is called \"" + name + "\" (see --help)";
   return rows;
 }

@@ -22,6 +22,17 @@ TEST(Options, SelectsRowsByNameAndGroupInTheCampaignsOrder) {
   EXPECT_TRUE(error.empty());
   SelectRows({"upcase", "fsck"}, error);
   EXPECT_EQ(error, "no row is called \"fsck\" (see --help)");
+  error.clear();
+  // Field rows only when asked for; a prefix ends at a dot; a row's own
+  // name beats a prefix.
+  EXPECT_EQ(SelectRows({"fields"}, error).size(), 340u);
+  EXPECT_EQ(Names(SelectRows({"stream.DataLength.frag-a"}, error)).front(), "stream.DataLength.frag-a.zeroes");
+  EXPECT_EQ(SelectRows({"stream.DataLength.frag-a"}, error).size(), 7u);
+  EXPECT_TRUE(SelectRows({"stream.DataLen"}, error).empty());
+  EXPECT_EQ(error, "no row is called \"stream.DataLen\" (see --help)");
+  error.clear();
+  EXPECT_EQ(Names(SelectRows({"upcase"}, error)), std::vector<std::string>{"upcase"});
+  EXPECT_TRUE(error.empty());
 }
 
 TEST(Options, ReadsAndWritesSizes) {

@@ -9,9 +9,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <map>
 #include <thread>
+
+#include <fmt/format.h>
 
 #include "campaign/machine/interrupt.h"
 #include "platform/errno_exception.h"
@@ -63,13 +66,27 @@ bool Kill(pid_t pid) {
   return false;
 }
 
-void Drain(int fd, std::string& output) {
+// What is kept of a program's output: a checker looping over one error
+// prints without end, and what it printed first tells what it is about.
+constexpr size_t kOutputKept = 64 * 1024;
+
+// Reads what the pipe holds; past kOutputKept bytes, counts them in `left_out`.
+void Drain(int fd, std::string& output, uint64_t& left_out) {
   char buffer[4096];
   for (;;) {
     const ssize_t n = read(fd, buffer, sizeof buffer);
     if (n <= 0) return;
-    output.append(buffer, static_cast<size_t>(n));
+    const size_t keep = std::min(static_cast<size_t>(n), kOutputKept - std::min(kOutputKept, output.size()));
+    output.append(buffer, keep);
+    left_out += static_cast<size_t>(n) - keep;
   }
+}
+
+// The output's last line says how much of it was left out.
+void NoteLeftOut(std::string& output, uint64_t left_out) {
+  if (left_out == 0) return;
+  if (!output.empty() && output.back() != '\n') output += '\n';
+  output += fmt::format("[{} more bytes of output left out]\n", left_out);
 }
 
 // Forks a child that runs `body` with its standard output and error on a
@@ -101,6 +118,7 @@ Ending Supervise(const std::string& what, std::chrono::seconds limit, const std:
   write_end.Reset();
   fcntl(read_end.Get(), F_SETFL, O_NONBLOCK);
 
+  uint64_t left_out = 0;
   const auto started = Clock::now();
   const auto deadline = started + limit;
   auto next_word = started + kLongWait;
@@ -111,10 +129,11 @@ Ending Supervise(const std::string& what, std::chrono::seconds limit, const std:
     }
     pollfd watched{read_end.Get(), POLLIN, 0};
     poll(&watched, 1, static_cast<int>(kPoll.count()));
-    Drain(read_end.Get(), output);
+    Drain(read_end.Get(), output, left_out);
     int status = 0;
     if (waitpid(pid, &status, WNOHANG) == pid) {
-      Drain(read_end.Get(), output);
+      Drain(read_end.Get(), output, left_out);
+      NoteLeftOut(output, left_out);
       Ending end = Decode(status);
       end.limit = limit;
       return end;
@@ -128,7 +147,8 @@ Ending Supervise(const std::string& what, std::chrono::seconds limit, const std:
       end.kind = Ending::Kind::kTimedOut;
       end.limit = limit;
       end.stuck = !Kill(pid);
-      Drain(read_end.Get(), output);
+      Drain(read_end.Get(), output, left_out);
+      NoteLeftOut(output, left_out);
       return end;
     }
   }

@@ -71,11 +71,13 @@ void JudgeFile(const FileRead& file, Verdict& verdict) {
       return;
     case FileState::kShort:
       if (file.expect == Expect::kUntouched) Hazard(verdict, "the repair cut short " + what + ", which the damage did not hit");
-      else if (file.expect != Expect::kHit) Hazard(verdict, "read back shorter than written: " + what);
+      else if (file.expect == Expect::kAsWritten || file.expect == Expect::kDurable)
+        Hazard(verdict, "read back shorter than written: " + what);
       return;
     case FileState::kDiffers:
       if (file.expect == Expect::kUntouched) Hazard(verdict, "the repair changed " + what + ", which the damage did not hit");
-      else if (file.expect != Expect::kHit) Hazard(verdict, "read back other bytes than written: " + what);
+      else if (file.expect == Expect::kAsWritten || file.expect == Expect::kDurable)
+        Hazard(verdict, "read back other bytes than written: " + what);
       return;
   }
 }

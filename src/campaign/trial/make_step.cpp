@@ -4,6 +4,7 @@
 
 #include "campaign/machine/sector_snapshot.h"
 #include "campaign/machine/volume_copy.h"
+#include "campaign/trial/field_fuzz.h"
 #include "campaign/trial/volume_layout.h"
 
 namespace {
@@ -111,4 +112,27 @@ std::string MakeDamagedVolume(const Context& context, const Row& row, const Know
   step.lines.push_back(VolumeLine(row.volume_bytes, row.cluster_bytes, volume.Device()));
   const std::string stop = MakeVolume(context, row, tree, volume, step);
   return stop.empty() ? Damage(context, row, tree, volume, step, aim) : stop;
+}
+
+std::string MakeFuzzedVolume(const Context& context, const Row& row, const KnownTree& tree, VolumeUnderTest& volume,
+                             StepObservation& step, Aim& aim) {
+  step.lines.push_back(VolumeLine(row.volume_bytes, row.cluster_bytes, volume.Device()));
+  if (const std::string stop = MakeVolume(context, row, tree, volume, step); !stop.empty()) return stop;
+  FuzzOutcome fuzz;
+  const SectorSnapshot before(volume.Device());
+  try {
+    fuzz = ApplyFuzz(volume.Device(), ReadLayout(volume.Device()), tree, *row.fuzz);
+  } catch (const std::exception& e) {
+    return step.not_carried_out = std::string("the field could not be changed: ") + e.what();
+  }
+  if (!fuzz.skipped.empty()) return step.skipped = fuzz.skipped;
+  step.lines.insert(step.lines.end(), fuzz.lines.begin(), fuzz.lines.end());
+  const std::vector<uint64_t> changed = SectorSnapshot(volume.Device()).ChangedSince(before);
+  step.lines.push_back(ChangedLine(changed));
+  if (changed.empty()) return step.not_carried_out = "the fuzz was written, and no sector changed";
+  if (context.keep_damaged) Keep(context, row, volume, step);
+  aim.hits = fuzz.hits;
+  step.said = step.cell =
+      fmt::format("fuzzed, {} {} changed{}", changed.size(), changed.size() == 1 ? "sector" : "sectors", Hits(aim));
+  return "";
 }

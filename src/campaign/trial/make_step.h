@@ -15,3 +15,9 @@
 // step's `not_carried_out` or `skipped`), or "".
 std::string MakeDamagedVolume(const Context& context, const Row& row, const KnownTree& tree, VolumeUnderTest& volume,
                               StepObservation& step, Aim& aim);
+
+// A field row's make step: the volume made as for a damage row, then the
+// row's field changed and the checksums over it recomputed, the files it
+// reaches into `aim.hits`.
+std::string MakeFuzzedVolume(const Context& context, const Row& row, const KnownTree& tree, VolumeUnderTest& volume,
+                             StepObservation& step, Aim& aim);

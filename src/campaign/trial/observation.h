@@ -36,6 +36,7 @@ enum class Expect {
   kDurable,    // written and synced since the damage, then unmounted cleanly: there, as written
   kUntouched,  // after a repair, a file the damage did not hit: intact
   kHit,        // after a repair, a file the damage hit: it may be cut short, changed or lost
+  kExplained,  // before a repair, a file a changed field reaches: it may read otherwise, as the field says
 };
 
 enum class FileState {

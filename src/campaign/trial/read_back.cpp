@@ -129,5 +129,6 @@ std::string Summarize(const std::vector<FileRead>& files) {
 
 std::string Evidence(const FileRead& file) {
   if (file.state == FileState::kSame) return "";
-  return "read: " + file.label + ": " + StateName(file) + (file.detail.empty() ? "" : ", " + file.detail);
+  return "read: " + file.label + ": " + StateName(file) + (file.detail.empty() ? "" : ", " + file.detail) +
+         (file.expect == Expect::kExplained ? " (the changed field reaches it)" : "");
 }

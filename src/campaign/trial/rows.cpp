@@ -101,6 +101,15 @@ const std::vector<Row>& AllRows() {
   return rows;
 }
 
+const std::vector<Row>& FieldRows() {
+  static const std::vector<Row> rows = [] {
+    std::vector<Row> all;
+    for (const FieldFuzz& fuzz : AllFieldFuzzes()) all.push_back({RowName(fuzz), true, kDamageVolume, k4K, "", nullptr, &fuzz});
+    return all;
+  }();
+  return rows;
+}
+
 std::vector<std::string> StepNames(const Row& row) {
   if (row.damage) return {"make", "check", "mount", "read", "write", "repair"};
   return {"make", "run", "check"};

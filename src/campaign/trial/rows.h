@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "campaign/fields/field_table.h"
 #include "campaign/trial/known_tree.h"
 #include "campaign/trial/volume_layout.h"
 
@@ -28,10 +29,16 @@ struct Row {
   // the damage is aimed from the volume's layout.
   std::string tree_base;
   Aim (*aim)(const VolumeLayout& layout, const KnownTree& tree);
+  // Field rows: the field changed instead of a damage of the tool's, the
+  // tree in the root.
+  const FieldFuzz* fuzz = nullptr;
 };
 
-// Every row, the damage rows first, in the order they run.
+// Every damage and volume row, the damage rows first, in the order they
+// run: what a campaign runs when it is not told which.
 const std::vector<Row>& AllRows();
+// A field row for each field, instance and verb of the field table.
+const std::vector<Row>& FieldRows();
 
 // The steps of a row, in order: its KTAP plan.
 std::vector<std::string> StepNames(const Row& row);

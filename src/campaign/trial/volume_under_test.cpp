@@ -16,7 +16,6 @@ namespace {
 using std::chrono::seconds;
 
 // Reading or writing one file of the tree.
-constexpr seconds kFileLimit{300};
 
 std::string ErrorName(int error) { return strerrorname_np(error) ? strerrorname_np(error) : std::to_string(error); }
 
@@ -87,7 +86,7 @@ std::vector<FileRead> VolumeUnderTest::Read(StepObservation& step, const std::ve
                                              Expect expect) {
   std::vector<FileRead> reads;
   for (const TreeFile& file : files) {
-    reads.push_back(Judged(file, expect, ReadBack(m_context.mount_point, file, kFileLimit)));
+    reads.push_back(Judged(file, expect, ReadBack(m_context.mount_point, file, m_context.limits.mount)));
     const std::string evidence = Evidence(reads.back());
     if (!evidence.empty()) step.lines.push_back(evidence);
     step.files.push_back(reads.back());
@@ -97,7 +96,7 @@ std::vector<FileRead> VolumeUnderTest::Read(StepObservation& step, const std::ve
 
 std::string VolumeUnderTest::WriteSynced(StepObservation& step, const TreeFile& file) {
   const std::string path = m_context.mount_point + "/" + file.path;
-  const auto run = RunIsolated<WriteCall>(kFileLimit, [&] {
+  const auto run = RunIsolated<WriteCall>(m_context.limits.mount, [&] {
     UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
     if (!fd.IsOpen()) return WriteCall{errno};
     try {
