@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "campaign/machine/kernel_log.h"
+#include "campaign/report/field_matrix.h"
 
 namespace {
 
@@ -58,6 +59,7 @@ std::string MarkdownTables(const std::vector<std::string>& stack, const std::vec
   std::string damage, volume;
   for (const RowRecord& row : rows) {
     const std::string name = "`" + row.row->name + "`";
+    if (row.row->fuzz) continue;  // in the field matrices
     if (row.row->damage) {
       damage += Line({name, StepCell(row, "check"), StepCell(row, "mount"), StepCell(row, "read"),
                       StepCell(row, "write"), StepCell(row, "repair"), KernelCell(row), VerdictCell(row)});
@@ -75,5 +77,7 @@ std::string MarkdownTables(const std::vector<std::string>& stack, const std::vec
   if (!volume.empty())
     tables += "| test | run | fsck.exfat -n after | kernel log | verdict |\n"
               "|---|---|---|---|---|\n" + volume;
+  if (const std::string fields = FieldMatrices(rows); !fields.empty())
+    tables += (damage.empty() && volume.empty() ? "" : "\n") + fields;
   return tables;
 }
