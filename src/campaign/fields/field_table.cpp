@@ -28,7 +28,8 @@ std::vector<Verb> VerbsOf(const Field& field) {
     case Kind::kCluster:
       return {Verb::kZeroes, Verb::kOnes, Verb::kFirstBit, Verb::kMiddleBit, Verb::kLastBit,
               Verb::kAdd,    Verb::kSub,  Verb::kSelf,     Verb::kCrosslink};
-    case Kind::kNumber: break;
+    case Kind::kNumber:
+    case Kind::kLength: break;
   }
   return {Verb::kZeroes, Verb::kOnes, Verb::kFirstBit, Verb::kMiddleBit, Verb::kLastBit, Verb::kAdd, Verb::kSub};
 }
@@ -51,18 +52,19 @@ const std::vector<Field>& AllFields() {
       {"boot", "MustBeZero", Place::kBootSector, 11, 53, Cover::kBootChecksum},
       {"boot", "PartitionOffset", Place::kBootSector, 64, 8, Cover::kBootChecksum},
       {"boot", "VolumeLength", Place::kBootSector, 72, 8, Cover::kBootChecksum},
-      {"boot", "FatOffset", Place::kBootSector, 80, 4, Cover::kBootChecksum},
+      {"boot", "FatOffset", Place::kBootSector, 80, 4, Cover::kBootChecksum, Kind::kNumber, 0xFF, true},
       {"boot", "FatLength", Place::kBootSector, 84, 4, Cover::kBootChecksum},
-      {"boot", "ClusterHeapOffset", Place::kBootSector, 88, 4, Cover::kBootChecksum},
+      {"boot", "ClusterHeapOffset", Place::kBootSector, 88, 4, Cover::kBootChecksum, Kind::kNumber, 0xFF, true},
       {"boot", "ClusterCount", Place::kBootSector, 92, 4, Cover::kBootChecksum},
-      {"boot", "FirstClusterOfRootDirectory", Place::kBootSector, 96, 4, Cover::kBootChecksum, Kind::kCluster},
+      {"boot", "FirstClusterOfRootDirectory", Place::kBootSector, 96, 4, Cover::kBootChecksum, Kind::kCluster, 0xFF,
+       true},
       {"boot", "VolumeSerialNumber", Place::kBootSector, 100, 4, Cover::kBootChecksum, Kind::kUnvalidated},
       {"boot", "FileSystemRevision", Place::kBootSector, 104, 2, Cover::kBootChecksum},
       // Left out of the boot checksum, as a driver flips them in use.
-      {"boot", "VolumeFlags", Place::kBootSector, 106, 2, Cover::kNone},
-      {"boot", "BytesPerSectorShift", Place::kBootSector, 108, 1, Cover::kBootChecksum},
-      {"boot", "SectorsPerClusterShift", Place::kBootSector, 109, 1, Cover::kBootChecksum},
-      {"boot", "NumberOfFats", Place::kBootSector, 110, 1, Cover::kBootChecksum},
+      {"boot", "VolumeFlags", Place::kBootSector, 106, 2, Cover::kNone, Kind::kNumber, 0xFF, true},  // ActiveFat
+      {"boot", "BytesPerSectorShift", Place::kBootSector, 108, 1, Cover::kBootChecksum, Kind::kNumber, 0xFF, true},
+      {"boot", "SectorsPerClusterShift", Place::kBootSector, 109, 1, Cover::kBootChecksum, Kind::kNumber, 0xFF, true},
+      {"boot", "NumberOfFats", Place::kBootSector, 110, 1, Cover::kBootChecksum, Kind::kNumber, 0xFF, true},
       {"boot", "DriveSelect", Place::kBootSector, 111, 1, Cover::kBootChecksum, Kind::kUnvalidated},
       {"boot", "PercentInUse", Place::kBootSector, 112, 1, Cover::kNone},
       {"boot", "BootSignature", Place::kBootSector, 510, 2, Cover::kBootChecksum},
@@ -97,9 +99,9 @@ const std::vector<Field>& AllFields() {
       {"stream", "NoFatChain", Place::kStreamEntry, 1, 1, Cover::kSetChecksum, Kind::kFlag, 0x02},
       {"stream", "NameLength", Place::kStreamEntry, 3, 1, Cover::kSetChecksum},
       {"stream", "NameHash", Place::kStreamEntry, 4, 2, Cover::kSetChecksum},
-      {"stream", "ValidDataLength", Place::kStreamEntry, 8, 8, Cover::kSetChecksum},
+      {"stream", "ValidDataLength", Place::kStreamEntry, 8, 8, Cover::kSetChecksum, Kind::kLength},
       {"stream", "FirstCluster", Place::kStreamEntry, 20, 4, Cover::kSetChecksum, Kind::kCluster},
-      {"stream", "DataLength", Place::kStreamEntry, 24, 8, Cover::kSetChecksum},
+      {"stream", "DataLength", Place::kStreamEntry, 24, 8, Cover::kSetChecksum, Kind::kLength},
 
       {"name", "GeneralSecondaryFlags", Place::kNameEntry, 1, 1, Cover::kSetChecksum},
       {"name", "FileName", Place::kNameEntry, 2, 30, Cover::kNameHash},

@@ -44,9 +44,13 @@ struct Field {
   Cover cover;
   // How far a field is tried: a cluster number also gets `self` and
   // `crosslink`; a field nothing validates (a serial number, a timestamp)
-  // and a flag (`mask` names its bits) get only zeroes and ones.
-  enum class Kind { kNumber, kCluster, kUnvalidated, kFlag } kind = Kind::kNumber;
+  // and a flag (`mask` names its bits) get only zeroes and ones. A length
+  // explains a file read back otherwise from the smaller of its old and new
+  // value on.
+  enum class Kind { kNumber, kLength, kCluster, kUnvalidated, kFlag } kind = Kind::kNumber;
   uint8_t mask = 0xFF;
+  // A boot sector field that moves where every file's data is read from.
+  bool moves_data = false;
 };
 
 // One row: a field of one instance, changed by one verb.

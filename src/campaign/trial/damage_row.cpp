@@ -70,7 +70,9 @@ class DamageRow {
     if (!m_row.fuzz) return m_volume.Read(step, m_tree.Files(), Expect::kAsWritten);
     std::vector<FileRead> reads;
     for (const TreeFile& file : m_tree.Files())
-      reads.push_back(m_volume.Read(step, {file}, HitBy(file) ? Expect::kExplained : Expect::kAsWritten).front());
+      reads.push_back(
+          m_volume.Read(step, {file}, HitBy(file) ? Expect::kExplained : Expect::kAsWritten, m_aim.explained_from)
+              .front());
     return reads;
   }
 

@@ -56,6 +56,12 @@ std::string Hex(const std::vector<uint8_t>& bytes) {
   return text;
 }
 
+uint64_t LeValue(const std::vector<uint8_t>& bytes) {
+  uint64_t value = 0;
+  for (size_t i = bytes.size(); i-- > 0;) value = value << 8 | bytes[i];
+  return value;
+}
+
 std::vector<uint8_t> Le(uint64_t value, size_t width) {
   std::vector<uint8_t> bytes(width);
   for (size_t i = 0; i < width; ++i) bytes[i] = static_cast<uint8_t>(value >> (8 * i));
@@ -107,8 +113,12 @@ Target Locate(const VolumeLayout& layout, const KnownTree& tree, const FieldFuzz
       return target;
     }
     file = &found->second;
-    for (const std::string& hit : FilesAt(tree, found->first)) target.hits.push_back(hit);
+    // The file's entries or chain: what it reads may follow, but not from a timestamp.
+    if (field.kind != Field::Kind::kUnvalidated)
+      for (const std::string& hit : FilesAt(tree, found->first)) target.hits.push_back(hit);
   }
+  if (field.moves_data)
+    for (const TreeFile& each : tree.Files()) target.hits.push_back(each.label);
   const uint64_t sector = layout.bytes_per_sector;
   switch (field.place) {
     case Place::kBootSector: target.at = field.offset; break;
@@ -238,5 +248,6 @@ FuzzOutcome ApplyFuzz(const std::string& device, const VolumeLayout& layout, con
       break;
   }
   outcome.hits = std::move(target.hits);
+  if (field.kind == Field::Kind::kLength) outcome.explained_from = std::min(LeValue(before), LeValue(after));
   return outcome;
 }

@@ -16,6 +16,9 @@ struct FuzzOutcome {
   // The tree's files whose entries or chain the change reaches, whose
   // reading back otherwise is explained by it.
   std::vector<std::string> hits;
+  // Where a hit file may begin to read otherwise: the smaller of the old
+  // and new length for a length, else 0.
+  uint64_t explained_from = 0;
   // Why nothing was changed: the instance is not on the volume, or the verb
   // leaves the bytes as they were.
   std::string skipped;

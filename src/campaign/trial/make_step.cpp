@@ -132,6 +132,7 @@ std::string MakeFuzzedVolume(const Context& context, const Row& row, const Known
   if (changed.empty()) return step.not_carried_out = "the fuzz was written, and no sector changed";
   if (context.keep_damaged) Keep(context, row, volume, step);
   aim.hits = fuzz.hits;
+  aim.explained_from = fuzz.explained_from;
   step.said = step.cell =
       fmt::format("fuzzed, {} {} changed{}", changed.size(), changed.size() == 1 ? "sector" : "sectors", Hits(aim));
   return "";

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <map>
 
 #include "platform/unique_fd.h"
@@ -97,12 +98,18 @@ IsolatedRun<FileReading> ReadBack(const std::string& root, const TreeFile& file,
   return RunIsolated<FileReading>(limit, [&] { return Read(root, file); });
 }
 
-FileRead Judged(const TreeFile& file, Expect expect, const IsolatedRun<FileReading>& reading) {
+FileRead Judged(const TreeFile& file, Expect expect, const IsolatedRun<FileReading>& reading,
+                uint64_t explained_from) {
   if (!reading.result) {
     if (reading.end.TimedOut()) return {file.label, expect, FileState::kTimedOut, reading.end.Describe()};
     return {file.label, expect, FileState::kReadError, "the reading process: " + reading.end.Describe()};
   }
   const FileState state = StateOf(file, *reading.result);
+  const uint64_t first_wrong = reading.result->differs ? reading.result->first_difference
+                                                       : std::min(reading.result->bytes_read, file.size);
+  if (expect == Expect::kExplained && (state == FileState::kDiffers || state == FileState::kShort) &&
+      first_wrong < explained_from)
+    expect = Expect::kAsWritten;
   return {file.label, expect, state, Detail(file, state, *reading.result)};
 }
 

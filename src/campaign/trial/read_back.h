@@ -24,7 +24,11 @@ struct FileReading {
 IsolatedRun<FileReading> ReadBack(const std::string& root, const TreeFile& file, std::chrono::seconds limit);
 
 // What a reading shows of the file.
-FileRead Judged(const TreeFile& file, Expect expect, const IsolatedRun<FileReading>& reading);
+// A file that a changed field reaches (kExplained) but that differs
+// before byte `explained_from` is judged as kAsWritten: the field does not
+// explain that.
+FileRead Judged(const TreeFile& file, Expect expect, const IsolatedRun<FileReading>& reading,
+                uint64_t explained_from = 0);
 
 // "8 same" or "6 same; differs: file2; read error: big (EIO)"; after a
 // repair "7 intact; lost: file2".

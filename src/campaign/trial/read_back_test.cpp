@@ -42,6 +42,16 @@ TEST(ReadBack, ShowsEachReadingsState) {
   EXPECT_EQ(Evidence(Judged(kFile, Expect::kAsWritten, Reading(true, EIO, 0))), "read: file2: read error, EIO");
 }
 
+// A length made smaller explains the bytes past it, and no byte before.
+TEST(ReadBack, AChangedFieldExplainsOnlyWhatComesAfterItsLength) {
+  EXPECT_EQ(Judged(kFile, Expect::kExplained, Reading(true, 0, 40000, 8192), 8192).expect, Expect::kExplained);
+  EXPECT_EQ(Judged(kFile, Expect::kExplained, Reading(true, 0, 8192), 8192).expect, Expect::kExplained);
+  EXPECT_EQ(Judged(kFile, Expect::kExplained, Reading(true, 0, 40000, 8191), 8192).expect, Expect::kAsWritten);
+  EXPECT_EQ(Judged(kFile, Expect::kExplained, Reading(true, 0, 4096), 8192).expect, Expect::kAsWritten);
+  EXPECT_EQ(Evidence(Judged(kFile, Expect::kExplained, Reading(true, 0, 40000, 0))),
+            "read: file2: differs, at byte 0 (the changed field reaches it)");
+}
+
 TEST(ReadBack, AReadingProcessThatDidNotFinishSaysNothingOfTheBytes) {
   IsolatedRun<FileReading> timed_out;
   timed_out.end = {Ending::Kind::kTimedOut, 0, false, false, std::chrono::seconds(300)};

@@ -16,6 +16,9 @@ struct Aim {
   std::string description;
   std::string why_not;
   std::vector<std::string> hits;  // labels of the known tree's files, "new" for the file written after it
+  // Field rows: the first byte of a hit file that the change explains
+  // reading otherwise (a DataLength or ValidDataLength made smaller).
+  uint64_t explained_from = 0;
 };
 
 // One row of the campaign: a damage tried on a volume of the known tree,

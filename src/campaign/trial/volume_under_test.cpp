@@ -83,10 +83,11 @@ void VolumeUnderTest::Unmount(StepObservation& step) {
 }
 
 std::vector<FileRead> VolumeUnderTest::Read(StepObservation& step, const std::vector<TreeFile>& files,
-                                             Expect expect) {
+                                             Expect expect, uint64_t explained_from) {
   std::vector<FileRead> reads;
   for (const TreeFile& file : files) {
-    reads.push_back(Judged(file, expect, ReadBack(m_context.mount_point, file, m_context.limits.mount)));
+    reads.push_back(
+        Judged(file, expect, ReadBack(m_context.mount_point, file, m_context.limits.mount), explained_from));
     const std::string evidence = Evidence(reads.back());
     if (!evidence.empty()) step.lines.push_back(evidence);
     step.files.push_back(reads.back());

@@ -34,8 +34,10 @@ class VolumeUnderTest {
   // The mount's outcome in a word: "taken", "refused (EIO)".
   std::string Mount(StepObservation& step);
   void Unmount(StepObservation& step);
-  // Reads each file back below the mount point, as `expect` says it must be.
-  std::vector<FileRead> Read(StepObservation& step, const std::vector<TreeFile>& files, Expect expect);
+  // Reads each file back below the mount point, as `expect` says it must be
+  // (see Judged for `explained_from`).
+  std::vector<FileRead> Read(StepObservation& step, const std::vector<TreeFile>& files, Expect expect,
+                             uint64_t explained_from = 0);
   // Writes a file whole, fsync's it and syncfs's the volume: "written",
   // or "failed (ENOSPC)".
   std::string WriteSynced(StepObservation& step, const TreeFile& file);
