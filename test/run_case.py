@@ -632,6 +632,31 @@ class Case:
         self.record(f"{'at least' if stopped >= int(runs) // 4 else 'fewer than'} a quarter of the runs were stopped"
                     " by their signal")
 
+    def step_fuzzed(self, image):
+        """For each field row of the campaigns so far, whether the damaged
+        volume it kept (`image`.<row>.img) holds the bytes its fuzz line says
+        at the byte it names, and whether that byte lies in an entry of the
+        structure's type: where the campaign found each field, told apart
+        from where it says it did."""
+        self.record(f"$ fuzzed {image}")
+        types = {"file": 0x85, "stream": 0xC0, "name": 0xC1, "bitmap": 0x81, "upcase": 0x82, "label": 0x83}
+        row = None
+        for line in self.transcript:
+            subtest = re.match(r"  # Subtest: (\S+)$", line)
+            row = subtest.group(1) if subtest else row
+            fuzz = re.match(r"  # fuzz: (\w+)\.\w+ at byte (\d+) of the volume, \d+ bytes: .* -> (.*)$", line)
+            if not fuzz:
+                continue
+            structure, at, new = fuzz.group(1), int(fuzz.group(2)), bytes.fromhex(fuzz.group(3))
+            with open(self.substitute(f"{image}.{row}.img"), "rb") as kept:
+                kept.seek(at)
+                held = kept.read(len(new))
+                kept.seek(at - at % 32)
+                entry_type = kept.read(1)[0]
+            where = ("" if structure not in types else
+                     f", in a 0x{entry_type:02x} entry" + ("" if entry_type == types[structure] else " (wrong type)"))
+            self.record(f"{row}: {'as said' if held == new else 'not as said: ' + held.hex(' ')}{where}")
+
     def step_exists(self, path):
         self.record(f"$ exists {path}")
         self.record("yes" if os.path.exists(self.substitute(path)) else "no")
