@@ -641,9 +641,13 @@ class Case:
         self.record(f"$ fuzzed {image}")
         types = {"file": 0x85, "stream": 0xC0, "name": 0xC1, "bitmap": 0x81, "upcase": 0x82, "label": 0x83}
         row = None
+        changed = {}  # row -> the sectors its make step says it changed
         for line in self.transcript:
             subtest = re.match(r"  # Subtest: (\S+)$", line)
             row = subtest.group(1) if subtest else row
+            sectors = re.match(r"  # changed: \d+ sectors?: ([\d ]+)$", line)
+            if sectors:
+                changed[row] = {int(n) for n in sectors.group(1).split()}
             fuzz = re.match(r"  # fuzz: (\w+)\.\w+ at byte (\d+) of the volume, \d+ bytes: .* -> (.*)$", line)
             if not fuzz:
                 continue
@@ -656,6 +660,16 @@ class Case:
             where = ("" if structure not in types else
                      f", in a 0x{entry_type:02x} entry" + ("" if entry_type == types[structure] else " (wrong type)"))
             self.record(f"{row}: {'as said' if held == new else 'not as said: ' + held.hex(' ')}{where}")
+        # Each row starts from the same restored volume: two kept volumes
+        # differ only where one of the two rows changed a sector.
+        rows = list(changed)
+        volumes = {r: open(self.substitute(f"{image}.{r}.img"), "rb").read() for r in rows}
+        for r in rows[1:]:
+            first, this = volumes[rows[0]], volumes[r]
+            differing = {at // 512 for at in range(0, len(first), 512) if first[at:at + 512] != this[at:at + 512]}
+            extra = sorted(differing - changed[rows[0]] - changed[r])
+            self.record(f"{r} beside {rows[0]}: " + (f"also differs in sectors {extra}" if extra else
+                                                      "differs only where the two rows changed it"))
 
     def step_exists(self, path):
         self.record(f"$ exists {path}")

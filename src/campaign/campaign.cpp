@@ -76,10 +76,11 @@ uint32_t RunSeed(const ScratchStore& store) {
   return seed;
 }
 
-// A row's own seed: no two rows write the same bytes, whichever run.
+// A row's own seed: no two rows write the same bytes, whichever run. The
+// field rows share theirs, as they share one volume.
 uint32_t RowSeed(uint32_t run_seed, const Row& row) {
   uint32_t hash = 2166136261u;  // FNV-1a
-  for (const char c : row.name) hash = (hash ^ static_cast<uint8_t>(c)) * 16777619u;
+  for (const char c : row.fuzz ? std::string("fields") : row.name) hash = (hash ^ static_cast<uint8_t>(c)) * 16777619u;
   return run_seed ^ (hash & ~0xffu);  // the tree's files take the seeds above it
 }
 
@@ -164,8 +165,11 @@ int Campaign(const CampaignOptions& options, const std::vector<const Row*>& rows
   ReportFile out(STDOUT_FILENO, "standard output");
   KtapWriter ktap(out, header, rows.size());
   Reporter reporter(ktap, progress);
-  Context context{options.driver, options.tool, options.checker,   options.limits,       workspace.MountPoint(),
-                  *store,         kernel_log,   RunSeed(*store), store->IsImage() && options.keep};
+  GoldenVolume golden;
+  Context context{options.driver, options.tool,    options.checker,
+                  options.limits, workspace.MountPoint(), *store,
+                  kernel_log,     RunSeed(*store), store->IsImage() && options.keep,
+                  &golden};
 
   int stopped_by = 0;
   const auto started = std::chrono::steady_clock::now();

@@ -7,6 +7,7 @@
 #include "campaign/machine/kernel_log.h"
 #include "campaign/machine/mounts.h"
 #include "campaign/machine/scratch_store.h"
+#include "campaign/trial/golden_volume.h"
 
 // How long the campaign waits for each kind of program before it calls the
 // step TIMEOUT and stops the program.
@@ -27,4 +28,5 @@ struct Context {
   KernelLog& kernel_log;
   uint32_t seed;  // the run's: the rows' file contents follow from it
   bool keep_damaged = false;  // each damage row's volume copied as it is once damaged
+  GoldenVolume* golden = nullptr;  // the field rows' volume, made by the first of them
 };

@@ -117,7 +117,18 @@ std::string MakeDamagedVolume(const Context& context, const Row& row, const Know
 std::string MakeFuzzedVolume(const Context& context, const Row& row, const KnownTree& tree, VolumeUnderTest& volume,
                              StepObservation& step, Aim& aim) {
   step.lines.push_back(VolumeLine(row.volume_bytes, row.cluster_bytes, volume.Device()));
-  if (const std::string stop = MakeVolume(context, row, tree, volume, step); !stop.empty()) return stop;
+  try {
+    if (!context.golden->Made()) {
+      if (const std::string stop = MakeVolume(context, row, tree, volume, step); !stop.empty()) return stop;
+      context.golden->Capture(volume.Device(), row.volume_bytes);
+      step.lines.push_back("golden: the field rows' volume, restored before each of the next");
+    } else {
+      const uint64_t blocks = context.golden->Restore(volume.Device());
+      step.lines.push_back(fmt::format("golden: restored, {} blocks of 64 KiB written", blocks));
+    }
+  } catch (const std::exception& e) {
+    return step.not_carried_out = std::string("the field rows' volume could not be kept or restored: ") + e.what();
+  }
   FuzzOutcome fuzz;
   const SectorSnapshot before(volume.Device());
   try {
