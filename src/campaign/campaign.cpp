@@ -163,7 +163,7 @@ int Campaign(const CampaignOptions& options, const std::vector<const Row*>& rows
   markdown_stack.push_back("date: " + Now());
   if (markdown) markdown->Replace(MarkdownTables(markdown_stack, {}));
   ReportFile out(STDOUT_FILENO, "standard output");
-  KtapWriter ktap(out, header, rows.size());
+  KtapWriter ktap(out);
   Reporter reporter(ktap, progress);
   GoldenVolume golden;
   Context context{options.driver, options.tool,    options.checker,
@@ -174,6 +174,7 @@ int Campaign(const CampaignOptions& options, const std::vector<const Row*>& rows
   int stopped_by = 0;
   const auto started = std::chrono::steady_clock::now();
   try {
+    ktap.Begin(header, rows.size());
     stopped_by = RunRows(rows, context, reporter, ktap, markdown, markdown_stack);
   } catch (const Interrupted& e) {  // the report's reader has gone (SIGPIPE)
     stopped_by = e.SignalNumber();

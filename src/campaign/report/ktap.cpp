@@ -6,7 +6,7 @@ constexpr const char* kSubtestIndent = "  ";
 
 }  // namespace
 
-KtapWriter::KtapWriter(ReportFile& out, const std::vector<std::string>& header, size_t rows) : m_out(out) {
+void KtapWriter::Begin(const std::vector<std::string>& header, size_t rows) {
   Line("KTAP version 1");
   for (const std::string& line : header) Note(line);
   Line("1.." + std::to_string(rows));

@@ -12,8 +12,10 @@
 // written as it comes, so that a run that dies keeps what it saw.
 class KtapWriter {
  public:
+  explicit KtapWriter(ReportFile& out) : m_out(out) {}
+
   // The version line, `header` as diagnostic lines, the plan.
-  KtapWriter(ReportFile& out, const std::vector<std::string>& header, size_t rows);
+  void Begin(const std::vector<std::string>& header, size_t rows);
 
   // A row's subtest header and plan.
   void BeginRow(const std::string& name, size_t steps);
