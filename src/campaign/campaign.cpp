@@ -36,13 +36,16 @@ constexpr std::chrono::seconds kStrayLimit{30};
 // Rows whose programs could not be stopped before the rest are not run.
 constexpr size_t kStuckRows = 3;
 
-std::vector<std::string> Header(const CampaignOptions& options, const Stack& stack, const ScratchStore& store) {
+std::vector<std::string> Header(const CampaignOptions& options, const Stack& stack, const ScratchStore& store,
+                                uint32_t seed) {
   std::vector<std::string> header{"kernel: " + stack.kernel, "checker: " + stack.checker, "tool: " + stack.tool,
                                   std::string("driver: ") + (options.driver == Driver::kFuse ? "fuse" : "kernel")};
   if (!stack.fuse.empty()) header.push_back("fuse: " + stack.fuse);
   header.push_back("campaign: qvexfat-campaign " QVEXFAT_VERSION);
   header.push_back(std::string(store.IsImage() ? "image: " : "device: ") + store.Path() + ", " +
                    FormatSize(store.Size()));
+  // A seed drawn for the run, or given, is what repeats it (--seed).
+  if (options.seed || !store.IsImage()) header.push_back("seed: " + std::to_string(seed));
   return header;
 }
 
@@ -68,8 +71,9 @@ void OpenStandardDescriptors() {
 // anew each run, so that a card that drops writes cannot show an earlier
 // run's bytes as the right ones; an image is made empty for each row, and
 // a fixed seed keeps what the checker prints of the bytes the same from
-// run to run.
-uint32_t RunSeed(const ScratchStore& store) {
+// run to run. --seed gives it.
+uint32_t RunSeed(const CampaignOptions& options, const ScratchStore& store) {
+  if (options.seed) return *options.seed;
   uint32_t seed = 0;
   if (!store.IsImage() && getrandom(&seed, sizeof seed, 0) != sizeof seed)
     seed = static_cast<uint32_t>(time(nullptr) ^ getpid());
@@ -158,7 +162,8 @@ int Campaign(const CampaignOptions& options, const std::vector<const Row*>& rows
   KernelLog kernel_log;
   Progress progress(rows.size());
   TellLongWaits([&progress](const std::string& what, std::chrono::seconds so_far) { progress.Waiting(what, so_far); });
-  const std::vector<std::string> header = Header(options, stack, *store);
+  const uint32_t seed = RunSeed(options, *store);
+  const std::vector<std::string> header = Header(options, stack, *store, seed);
   std::vector<std::string> markdown_stack = header;
   markdown_stack.push_back("date: " + Now());
   if (markdown) markdown->Replace(MarkdownTables(markdown_stack, {}));
@@ -168,7 +173,7 @@ int Campaign(const CampaignOptions& options, const std::vector<const Row*>& rows
   GoldenVolume golden;
   Context context{options.driver, options.tool,    options.checker,
                   options.limits, workspace.MountPoint(), *store,
-                  kernel_log,     RunSeed(*store), store->IsImage() && options.keep,
+                  kernel_log,     seed,            store->IsImage() && options.keep,
                   &golden};
 
   int stopped_by = 0;

@@ -47,7 +47,7 @@ std::string Usage() {
   std::string usage =
       "Usage: qvexfat-campaign [--driver kernel|fuse] [--only NAMES] [--markdown FILE]\n"
       "                        [--tool PATH] [--fsck PATH] [--keep] [--timeout SECONDS]\n"
-      "                        [--limits LIMITS]\n"
+      "                        [--limits LIMITS] [--seed N]\n"
       "                        (--image FILE [--size SIZE] |\n"
       "                         --device DEV --yes [--whole-disk])\n"
       "\n"
@@ -73,6 +73,8 @@ std::string Usage() {
       "                 (default: 600 for the checker, 300 for a mount, 3600 for\n"
       "                 the tool's volume test)\n"
       "  --limits L     one limit each, over --timeout: checker=S,mount=S,test=S\n"
+      "  --seed N       the seed of the files' contents and of the field rows'\n"
+      "                 crosslink targets (default: 0 on an image, drawn on a device)\n"
       "  --help, --version\n"
       "\n"
       "Rows:\n";
@@ -105,7 +107,7 @@ CampaignOptions ParseOptions(int argc, char* argv[], std::string& error) {
       {"device", required_argument, nullptr, 'd'},  {"yes", no_argument, nullptr, 'y'},
       {"limits", required_argument, nullptr, 'l'},  {"help", no_argument, nullptr, 'h'},
       {"version", no_argument, nullptr, 'V'},       {"whole-disk", no_argument, nullptr, 'w'},
-      {"timeout", required_argument, nullptr, 'T'},
+      {"timeout", required_argument, nullptr, 'T'},  {"seed", required_argument, nullptr, 'S'},
       {nullptr, 0, nullptr, 0},
   };
   CampaignOptions options;
@@ -139,6 +141,12 @@ CampaignOptions ParseOptions(int argc, char* argv[], std::string& error) {
         break;
       }
       case 'l': limits = value; break;
+      case 'S':
+        if (value.empty() || value.find_first_not_of("0123456789") != std::string::npos || value.size() > 9)
+          error = "--seed takes a number of up to 9 digits, not " + value;
+        else
+          options.seed = static_cast<uint32_t>(std::stoul(value));
+        break;
       case 'k': options.keep = true; break;
       case 'i': options.image = value; break;
       case 's':

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,7 @@ struct CampaignOptions {
   std::string device;
   bool yes = false;
   bool whole_disk = false;
+  std::optional<uint32_t> seed;  // of the files' contents and the field rows' draws
   bool help = false;
   bool version = false;
 };

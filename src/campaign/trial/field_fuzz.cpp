@@ -94,13 +94,23 @@ std::vector<std::string> FilesAt(const KnownTree& tree, const std::string& path)
   return labels;
 }
 
-Target Locate(const VolumeLayout& layout, const KnownTree& tree, const FieldFuzz& fuzz) {
+// Another file of the tree for a crosslink to point at, drawn by the seed
+// (file2 with the seed 0), never the instance itself.
+std::string CrosslinkTarget(const KnownTree& tree, const std::string& instance, uint32_t seed) {
+  std::vector<std::string> others;
+  for (const TreeFile& file : tree.Files())
+    if (file.label != instance) others.push_back(file.label);
+  std::rotate(others.begin(), std::find(others.begin(), others.end(), instance == "file2" ? "file1" : "file2"),
+              others.end());
+  return others[seed % others.size()];
+}
+
+Target Locate(const VolumeLayout& layout, const KnownTree& tree, const FieldFuzz& fuzz, uint32_t seed) {
   const Field& field = *fuzz.field;
   Target target;
   const std::string label = field.place == Place::kLastNameEntry ? fuzz.instance.substr(0, fuzz.instance.rfind('-'))
                                                                  : fuzz.instance;
-  // Another file's first cluster, for a crosslink: file2's, or file1's for file2 itself.
-  const std::string other = label == "file2" ? "file1" : "file2";
+  const std::string other = CrosslinkTarget(tree, label, seed);
   if (const auto found = layout.files.find(PathOf(tree, other)); found != layout.files.end()) {
     target.clusters.crosslink = found->second.first_cluster;
     if (fuzz.verb == Verb::kCrosslink) target.hits.push_back(other);
@@ -213,10 +223,10 @@ void FixSetChecksum(Volume& volume, const FilePlacement& set, const VolumeLayout
 }  // namespace
 
 FuzzOutcome ApplyFuzz(const std::string& device, const VolumeLayout& layout, const KnownTree& tree,
-                      const FieldFuzz& fuzz) {
+                      const FieldFuzz& fuzz, uint32_t seed) {
   const Field& field = *fuzz.field;
   FuzzOutcome outcome;
-  Target target = Locate(layout, tree, fuzz);
+  Target target = Locate(layout, tree, fuzz, seed);
   if (!target.missing.empty()) {
     outcome.skipped = target.missing;
     return outcome;

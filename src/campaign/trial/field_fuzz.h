@@ -28,5 +28,6 @@ struct FuzzOutcome {
 // layout is `layout` and which holds `tree` in its root, then recomputes
 // the checksums that cover it. Throws ErrnoException when the device
 // cannot be read or written.
+// `seed` draws the file a crosslink points at.
 FuzzOutcome ApplyFuzz(const std::string& device, const VolumeLayout& layout, const KnownTree& tree,
-                      const FieldFuzz& fuzz);
+                      const FieldFuzz& fuzz, uint32_t seed);

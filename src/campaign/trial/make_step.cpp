@@ -132,7 +132,7 @@ std::string MakeFuzzedVolume(const Context& context, const Row& row, const Known
   FuzzOutcome fuzz;
   const SectorSnapshot before(volume.Device());
   try {
-    fuzz = ApplyFuzz(volume.Device(), ReadLayout(volume.Device()), tree, *row.fuzz);
+    fuzz = ApplyFuzz(volume.Device(), ReadLayout(volume.Device()), tree, *row.fuzz, context.seed);
   } catch (const std::exception& e) {
     return step.not_carried_out = std::string("the field could not be changed: ") + e.what();
   }
