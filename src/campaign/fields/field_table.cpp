@@ -1,5 +1,7 @@
 #include "campaign/fields/field_table.h"
 
+#include <stdexcept>
+
 namespace {
 
 using Kind = Field::Kind;
@@ -138,6 +140,12 @@ const std::vector<FieldFuzz>& AllFieldFuzzes() {
     return all;
   }();
   return fuzzes;
+}
+
+const Field& FieldNamed(const std::string& structure, const std::string& name) {
+  for (const Field& field : AllFields())
+    if (field.structure == structure && field.name == name) return field;
+  throw std::logic_error("the field table has no " + structure + "." + name);
 }
 
 std::string RowName(const FieldFuzz& fuzz) {

@@ -65,6 +65,9 @@ struct FieldFuzz {
 };
 
 const std::vector<Field>& AllFields();
+// The field of that structure and name ("boot", "VolumeLength"); it must
+// be in the table.
+const Field& FieldNamed(const std::string& structure, const std::string& name);
 const char* VerbName(Verb verb);
 
 // Every field row, in the table's order: each field of each instance, each

@@ -18,6 +18,8 @@ namespace {
 
 constexpr uint64_t kEntryBytes = 32;
 constexpr uint64_t kBootChecksumSector = 11;
+constexpr uint8_t kMinSectorShift = 9;  // 512 to 4096 bytes a sector
+constexpr uint8_t kMaxSectorShift = 12;
 constexpr uint64_t kSecondaryCount = 1;  // in the File entry
 constexpr uint64_t kSetChecksum = 2;
 constexpr uint64_t kNameLength = 3;   // in the Stream Extension entry
@@ -172,7 +174,16 @@ Target Locate(const VolumeLayout& layout, const KnownTree& tree, const FieldFuzz
   return target;
 }
 
-void FixBootChecksum(Volume& volume, uint64_t sector) {
+// The boot sector's sector size as it says now: a BytesPerSectorShift
+// changed to another size is checksummed as a driver writing it would,
+// over that size's eleven sectors; one that names no size, over the old.
+uint64_t SectorBytesNow(Volume& volume, uint64_t old_bytes) {
+  const uint8_t shift = volume.Read(FieldNamed("boot", "BytesPerSectorShift").offset, 1)[0];
+  return shift >= kMinSectorShift && shift <= kMaxSectorShift ? uint64_t{1} << shift : old_bytes;
+}
+
+void FixBootChecksum(Volume& volume, uint64_t old_sector) {
+  const uint64_t sector = SectorBytesNow(volume, old_sector);
   const uint32_t checksum = BootRegionChecksum(volume.Read(0, kBootChecksumSector * sector));
   std::vector<uint8_t> repeated;
   for (uint64_t i = 0; i < sector / 4; ++i) {
