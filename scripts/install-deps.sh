@@ -33,6 +33,8 @@ done
 packages=(
   g++ cmake ninja-build pkg-config
   libfmt-dev libboost-filesystem-dev libboost-system-dev libgtest-dev
+  # The campaign reads images compressed with gzip or xz itself.
+  zlib1g-dev liblzma-dev
   exfatprogs exfat-fuse fuse3 libfuse3-dev
   util-linux dpkg-dev groff-base python3 lintian
   clang libclang-rt-14-dev
@@ -48,7 +50,7 @@ if $aarch64; then
   packages+=(
     g++-aarch64-linux-gnu qemu-user libc6:arm64
     libfmt-dev:arm64 libboost-filesystem-dev:arm64 libboost-system-dev:arm64
-    libgtest-dev:arm64 libfuse3-dev:arm64
+    libgtest-dev:arm64 libfuse3-dev:arm64 zlib1g-dev:arm64 liblzma-dev:arm64
   )
   # qemu-system-arm boots Debian's arm64 kernels for the kernel driver's
   # tests; kmod's depmod indexes their modules, which zstd unpacks where a

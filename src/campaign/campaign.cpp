@@ -23,6 +23,7 @@
 #include "campaign/report/report_file.h"
 #include "campaign/report/reporter.h"
 #include "campaign/trial/damage_row.h"
+#include "campaign/trial/image_row.h"
 #include "campaign/trial/volume_row.h"
 #include "platform/errno_exception.h"
 
@@ -124,7 +125,8 @@ int RunRows(const std::vector<const Row*>& rows, Context& context, Reporter& rep
     }
     reporter.BeginRow(*row);
     try {
-      if (row->damage) RunDamageRow(context, *row, RowSeed(context.seed, *row), reporter);
+      if (!row->image.empty()) RunImageRow(context, *row, RowSeed(context.seed, *row), reporter);
+      else if (row->damage) RunDamageRow(context, *row, RowSeed(context.seed, *row), reporter);
       else RunVolumeRow(context, *row, reporter);
       reporter.EndRow();
       TakeTeardownNotes();  // what a finished row took down was its own business
@@ -169,7 +171,7 @@ int Campaign(const CampaignOptions& options, const std::vector<const Row*>& rows
   if (markdown) markdown->Replace(MarkdownTables(markdown_stack, {}));
   ReportFile out(STDOUT_FILENO, "standard output");
   KtapWriter ktap(out);
-  Reporter reporter(ktap, progress);
+  Reporter reporter(ktap, progress, rows);
   GoldenVolume golden;
   Context context{options.driver, options.tool,    options.checker,
                   options.limits, workspace.MountPoint(), *store,
@@ -179,8 +181,9 @@ int Campaign(const CampaignOptions& options, const std::vector<const Row*>& rows
   int stopped_by = 0;
   const auto started = std::chrono::steady_clock::now();
   try {
-    ktap.Begin(header, rows.size());
+    reporter.Begin(header);
     stopped_by = RunRows(rows, context, reporter, ktap, markdown, markdown_stack);
+    reporter.End();
   } catch (const Interrupted& e) {  // the report's reader has gone (SIGPIPE)
     stopped_by = e.SignalNumber();
   }
@@ -224,7 +227,12 @@ int RunCampaign(int argc, char* argv[]) {
     fputs(options.help ? Usage().c_str() : "qvexfat-campaign " QVEXFAT_VERSION "\n", stdout);
     return 0;
   }
-  const std::vector<const Row*> rows = SelectRows(options.only, error);
+  std::vector<const Row*> rows = options.only.empty() && !options.images.empty()
+                                     ? std::vector<const Row*>{}
+                                     : SelectRows(options.only, error);
+  std::vector<Row> image_rows;
+  if (error.empty() && !options.images.empty()) image_rows = ImageRows(options.images, error);
+  for (const Row& row : image_rows) rows.push_back(&row);
   if (!error.empty()) {
     const std::string usage = Usage();
     fprintf(stderr, "qvexfat-campaign: %s\n%s(--help tells more)\n", error.c_str(),

@@ -47,7 +47,7 @@ std::string Usage() {
   std::string usage =
       "Usage: qvexfat-campaign [--driver kernel|fuse] [--only NAMES] [--markdown FILE]\n"
       "                        [--tool PATH] [--fsck PATH] [--keep] [--timeout SECONDS]\n"
-      "                        [--limits LIMITS] [--seed N]\n"
+      "                        [--limits LIMITS] [--seed N] [--images DIR]\n"
       "                        (--image FILE [--size SIZE] |\n"
       "                         --device DEV --yes [--whole-disk])\n"
       "\n"
@@ -67,6 +67,10 @@ std::string Usage() {
       "                 (the default: both), \"fields\" the field rows' quick tier,\n"
       "                 \"fields-all\" every field row, and a field row's prefix\n"
       "                 its rows (stream.DataLength)\n"
+      "  --images DIR   a row for each image file in DIR (raw, gzip or xz), tried on\n"
+      "                 a copy: check, mount, every file read twice, write, repair;\n"
+      "                 IMAGE.sha256 beside one (as sha256sum prints) names its\n"
+      "                 files' contents. Without --only, only the images are run\n"
       "  --markdown F   the results as Markdown tables in F\n"
       "  --tool, --fsck the programs to try (qvexfat-test, fsck.exfat)\n"
       "  --timeout S    seconds any program may take before its step is TIMEOUT\n"
@@ -108,6 +112,7 @@ CampaignOptions ParseOptions(int argc, char* argv[], std::string& error) {
       {"limits", required_argument, nullptr, 'l'},  {"help", no_argument, nullptr, 'h'},
       {"version", no_argument, nullptr, 'V'},       {"whole-disk", no_argument, nullptr, 'w'},
       {"timeout", required_argument, nullptr, 'T'},  {"seed", required_argument, nullptr, 'S'},
+      {"images", required_argument, nullptr, 'I'},
       {nullptr, 0, nullptr, 0},
   };
   CampaignOptions options;
@@ -149,6 +154,7 @@ CampaignOptions ParseOptions(int argc, char* argv[], std::string& error) {
         break;
       case 'k': options.keep = true; break;
       case 'i': options.image = value; break;
+      case 'I': options.images = value; break;
       case 's':
         options.size = ParseSize(value);
         if (options.size == 0) error = "--size takes digits and one of K, M, G or T, such as 384M, not " + value;

@@ -19,6 +19,7 @@ struct CampaignOptions {
   Limits limits;
   bool keep = false;
   std::string image;
+  std::string images;  // a directory of images to try, a row each
   uint64_t size = 0;  // 0: what the largest row needs
   std::string device;
   bool yes = false;

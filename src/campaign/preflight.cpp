@@ -11,6 +11,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 
@@ -101,16 +102,21 @@ std::string SamePaths(const CampaignOptions& options) {
 }
 
 std::string Sizes(CampaignOptions& options, const std::vector<const Row*>& rows) {
+  // An image the user brought that does not fit is refused in its own row;
+  // the image made by default holds the largest of them too.
   const Row* largest = nullptr;
-  for (const Row* row : rows)
-    if (!largest || row->volume_bytes > largest->volume_bytes) largest = row;
+  uint64_t most = 0;
+  for (const Row* row : rows) {
+    most = std::max(most, row->volume_bytes);
+    if (row->image.empty() && (!largest || row->volume_bytes > largest->volume_bytes)) largest = row;
+  }
   uint64_t available = options.size;
   if (!options.device.empty()) {
     UniqueFd fd(open(options.device.c_str(), O_RDONLY | O_CLOEXEC));
     if (!fd.IsOpen() || ioctl(fd.Get(), BLKGETSIZE64, &available) != 0)
       return options.device + ": its size cannot be read";
   } else if (available == 0) {
-    options.size = available = largest ? largest->volume_bytes : 0;
+    options.size = available = most;
   }
   if (largest && largest->volume_bytes > available)
     return "row " + largest->name + " needs a volume of " + FormatSize(largest->volume_bytes) + ", and " +

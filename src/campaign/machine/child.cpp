@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -258,6 +259,35 @@ bool Isolate(std::chrono::seconds limit, const std::function<void(int)>& work, v
 }
 
 }  // namespace child_detail
+
+IsolatedRun<std::string> RunIsolatedText(std::chrono::seconds limit, size_t capacity,
+                                         const std::function<std::string()>& work) {
+  struct Shared {
+    void* memory;
+    size_t bytes;
+    ~Shared() { munmap(memory, bytes); }
+  };
+  // Its length first, then the text; pages the child does not touch cost nothing.
+  const Shared shared{mmap(nullptr, sizeof(size_t) + capacity, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0),
+                      sizeof(size_t) + capacity};
+  if (shared.memory == MAP_FAILED) throw ErrnoException(errno, "mmap");
+  auto* length = static_cast<size_t*>(shared.memory);
+  char* text = static_cast<char*>(shared.memory) + sizeof(size_t);
+  IsolatedRun<std::string> run;
+  bool done = false;
+  if (child_detail::Isolate(
+          limit,
+          [&](int fd) {
+            const std::string result = work();
+            *length = std::min(result.size(), capacity);
+            memcpy(text, result.data(), *length);
+            const bool finished = true;
+            child_detail::WriteResult(fd, &finished, sizeof finished);
+          },
+          &done, sizeof done, run.end, run.output))
+    run.result = std::string(text, std::min(*length, capacity));
+  return run;
+}
 
 std::vector<pid_t> AdoptedChildren() {
   std::vector<pid_t> children;

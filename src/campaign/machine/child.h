@@ -76,6 +76,12 @@ IsolatedRun<T> RunIsolated(std::chrono::seconds limit, const std::function<T()>&
   return run;
 }
 
+// As RunIsolated, for a result of any length up to `capacity` bytes, which
+// comes back through memory shared with the child; a longer result is cut
+// at `capacity`.
+IsolatedRun<std::string> RunIsolatedText(std::chrono::seconds limit, size_t capacity,
+                                         const std::function<std::string()>& work);
+
 // The processes this one adopted as a subreaper (a FUSE daemon whose
 // mount helper has returned).
 std::vector<pid_t> AdoptedChildren();

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include <fmt/format.h>
+
 namespace {
 
 // fsck's exit statuses: 1 to 7 a verdict on the volume (4: errors left),
@@ -62,7 +64,7 @@ void JudgeFile(const FileRead& file, Verdict& verdict) {
     case FileState::kReadError:
       // A driver may refuse to read a damaged volume; a repaired volume
       // that reads with errors has not been repaired.
-      if (file.expect == Expect::kUntouched || file.expect == Expect::kDurable)
+      if (file.expect == Expect::kUntouched || file.expect == Expect::kDurable || file.expect == Expect::kReadable)
         Hazard(verdict, what + " could not be read");
       return;
     case FileState::kMissing:
@@ -105,10 +107,14 @@ Verdict JudgeStep(const StepObservation& step) {
     if (daemon.Signalled()) Hazard(verdict, "the FUSE daemon was " + daemon.Describe());
   for (const Run& run : step.runs) JudgeRun(run, verdict);
   for (const FileRead& file : step.files) JudgeFile(file, verdict);
-  if (step.second_repair_changed.value_or(0) != 0)
-    Hazard(verdict, "a second fsck -y changed " + std::to_string(*step.second_repair_changed) +
-                        (*step.second_repair_changed == 1 ? " sector" : " sectors") +
-                        ": the repair did not finish in one pass");
+  for (const std::string& disagreement : step.disagreements) Hazard(verdict, "two reads disagree: " + disagreement);
+  const std::vector<uint64_t>& passes = step.repair_passes;
+  if (passes.size() > 1 && passes[1] != 0)
+    Hazard(verdict, fmt::format("the repair did not finish in one pass: pass 2 changed {} {}", passes[1],
+                                passes[1] == 1 ? "sector" : "sectors"));
+  if (passes.size() > 2 && passes.back() != 0)
+    Hazard(verdict, fmt::format("the repair does not converge: pass {} still changed {} {}", passes.size(),
+                                passes.back(), passes.back() == 1 ? "sector" : "sectors"));
   if (!step.not_carried_out.empty()) Directive(verdict, "ERROR", step.not_carried_out);
   return verdict;
 }
@@ -124,4 +130,12 @@ Verdict JudgeRow(const std::vector<Verdict>& steps) {
   }
   if (!row.ok && row.directive == "SKIP") row.directive.clear();
   return row;
+}
+
+Verdict JudgeGroup(const std::vector<Verdict>& rows) {
+  Verdict group = JudgeRow(rows);
+  if (std::any_of(rows.begin(), rows.end(), [](const Verdict& row) { return row.directive != "SKIP"; }) &&
+      group.directive == "SKIP")
+    group.directive.clear();
+  return group;
 }

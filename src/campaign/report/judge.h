@@ -21,3 +21,6 @@ Verdict JudgeStep(const StepObservation& step);
 // A row is ok when every step is; SKIP when its first step was skipped
 // (its damage had nothing to hit), ERROR or TIMEOUT when a step was.
 Verdict JudgeRow(const std::vector<Verdict>& steps);
+// The field rows of a structure together: ok when every row is, SKIP when
+// every row was skipped.
+Verdict JudgeGroup(const std::vector<Verdict>& rows);

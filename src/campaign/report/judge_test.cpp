@@ -116,10 +116,15 @@ TEST(Judge, TheKernelTheDaemonAndASecondRepairPass) {
   EXPECT_EQ(JudgeStep(daemon).reasons,
             std::vector<std::string>{"the FUSE daemon was killed by signal 11 (SIGSEGV), core dumped"});
   StepObservation repair;
-  repair.second_repair_changed = 0;
+  repair.repair_passes = {5, 0};
   EXPECT_EQ(Said(JudgeStep(repair)), "ok");
-  repair.second_repair_changed = 2;
-  EXPECT_EQ(Said(JudgeStep(repair)), "not ok");
+  repair.repair_passes = {5, 2, 0};
+  EXPECT_EQ(JudgeStep(repair).reasons,
+            std::vector<std::string>{"the repair did not finish in one pass: pass 2 changed 2 sectors"});
+  repair.repair_passes = {1, 1, 1};
+  EXPECT_EQ(JudgeStep(repair).reasons,
+            (std::vector<std::string>{"the repair did not finish in one pass: pass 2 changed 1 sector",
+                                      "the repair does not converge: pass 3 still changed 1 sector"}));
   StepObservation skipped = Ran(Purpose::kLook, Exit(8));
   skipped.skipped = "not mounted";
   EXPECT_EQ(Said(JudgeStep(skipped)), "SKIP");
@@ -137,6 +142,10 @@ TEST(Judge, ARowIsAsItsWorstStep) {
   EXPECT_EQ(JudgeRow({ok, hazard}).directive, "");
   EXPECT_EQ(JudgeRow({error, skip}).directive, "ERROR");
   EXPECT_EQ(JudgeRow({hazard, timeout, error}).directive, "TIMEOUT");
+  // A structure's rows: a skipped first row does not make the rest skipped.
+  EXPECT_EQ(JudgeGroup({skip, ok}).directive, "");
+  EXPECT_EQ(JudgeGroup({skip, skip}).directive, "SKIP");
+  EXPECT_EQ(JudgeGroup({skip, ok, error}).ok, false);
 }
 
 }  // namespace

@@ -8,8 +8,9 @@
 #include "campaign/trial/observation.h"
 
 // Writes the campaign's results in KTAP version 1, the kernel's test output
-// format: a row is a test, its steps an indented subtest. Each line is
-// written as it comes, so that a run that dies keeps what it saw.
+// format: a row is a test, its steps an indented subtest; field rows are
+// subtests of a test for their structure. Each line is written as it
+// comes, so that a run that dies keeps what it saw.
 class KtapWriter {
  public:
   explicit KtapWriter(ReportFile& out) : m_out(out) {}
@@ -17,22 +18,24 @@ class KtapWriter {
   // The version line, `header` as diagnostic lines, the plan.
   void Begin(const std::vector<std::string>& header, size_t rows);
 
-  // A row's subtest header and plan.
-  void BeginRow(const std::string& name, size_t steps);
+  // A subtest's header and plan, one level in.
+  void BeginSubtest(const std::string& name, size_t tests);
   // A step's evidence, why it is not ok, and its result line.
   void Step(size_t number, const StepObservation& step, const Verdict& verdict);
   // A step that did not end: "not ok 3 read # ERROR interrupted by SIGINT".
   void StepCutShort(size_t number, const std::string& name, const std::string& why);
   void StepNotRun(size_t number, const std::string& name, const std::string& why);
-  // The row's result line; `text` follows its directive.
-  void EndRow(size_t number, const std::string& name, const Verdict& verdict, const std::string& text);
-  // A diagnostic line at the top level.
+  // The subtest's result line, one level out; `text` follows its directive.
+  void EndSubtest(size_t number, const std::string& name, const Verdict& verdict, const std::string& text);
+  // A result with no subtest: a row not run.
+  void Result(size_t number, const std::string& name, const Verdict& verdict, const std::string& text);
+  // A diagnostic line at the level in progress.
   void Note(const std::string& text);
 
  private:
   void Line(const std::string& text);
-  void Result(bool ok, size_t number, const std::string& name, const std::string& directive, const std::string& text);
+  void ResultLine(bool ok, size_t number, const std::string& name, const std::string& directive, const std::string& text);
 
   ReportFile& m_out;
-  bool m_in_row = false;
+  size_t m_depth = 0;
 };

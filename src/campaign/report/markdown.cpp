@@ -56,11 +56,14 @@ std::string Line(const std::vector<std::string>& cells) {
 }  // namespace
 
 std::string MarkdownTables(const std::vector<std::string>& stack, const std::vector<RowRecord>& rows) {
-  std::string damage, volume;
+  std::string damage, volume, images;
   for (const RowRecord& row : rows) {
     const std::string name = "`" + row.row->name + "`";
     if (row.row->fuzz) continue;  // in the field matrices
-    if (row.row->damage) {
+    if (!row.row->image.empty()) {
+      images += Line({name, StepCell(row, "check"), StepCell(row, "mount"), StepCell(row, "read"),
+                      StepCell(row, "write"), StepCell(row, "repair"), KernelCell(row), VerdictCell(row)});
+    } else if (row.row->damage) {
       damage += Line({name, StepCell(row, "check"), StepCell(row, "mount"), StepCell(row, "read"),
                       StepCell(row, "write"), StepCell(row, "repair"), KernelCell(row), VerdictCell(row)});
     } else {
@@ -77,7 +80,11 @@ std::string MarkdownTables(const std::vector<std::string>& stack, const std::vec
   if (!volume.empty())
     tables += "| test | run | fsck.exfat -n after | kernel log | verdict |\n"
               "|---|---|---|---|---|\n" + volume;
+  if (!images.empty())
+    tables += std::string(damage.empty() && volume.empty() ? "" : "\n") +
+              "| image | fsck.exfat -n | mount | read twice | write | repair | kernel log | verdict |\n"
+              "|---|---|---|---|---|---|---|---|\n" + images;
   if (const std::string fields = FieldMatrices(rows); !fields.empty())
-    tables += (damage.empty() && volume.empty() ? "" : "\n") + fields;
+    tables += (damage.empty() && volume.empty() && images.empty() ? "" : "\n") + fields;
   return tables;
 }

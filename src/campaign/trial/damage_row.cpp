@@ -116,10 +116,17 @@ class DamageRow {
   }
 
   void Repair() {
-    std::vector<std::pair<TreeFile, Expect>> files;
-    for (const TreeFile& file : m_tree.Files()) files.emplace_back(file, HitBy(file) ? Expect::kHit : Expect::kUntouched);
-    if (m_new_intact) files.emplace_back(m_new, HitBy(m_new) ? Expect::kHit : Expect::kUntouched);
-    RepairStep(m_volume, files, m_new2);
+    RepairStep(
+        m_volume,
+        [this](StepObservation& step) {
+          std::vector<FileRead> reads;
+          for (const TreeFile& file : m_tree.Files())
+            reads.push_back(m_volume.Read(step, {file}, HitBy(file) ? Expect::kHit : Expect::kUntouched).front());
+          if (m_new_intact)
+            reads.push_back(m_volume.Read(step, {m_new}, HitBy(m_new) ? Expect::kHit : Expect::kUntouched).front());
+          return Summarize(reads);
+        },
+        m_new2);
   }
 
   bool HitBy(const TreeFile& file) const {

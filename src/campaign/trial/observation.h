@@ -37,6 +37,7 @@ enum class Expect {
   kUntouched,  // after a repair, a file the damage did not hit: intact
   kHit,        // after a repair, a file the damage hit: it may be cut short, changed or lost
   kExplained,  // before a repair, a file a changed field reaches: it may read otherwise, as the field says
+  kReadable,   // after a repair, a file of an image whose contents are not known: it must read
 };
 
 enum class FileState {
@@ -67,8 +68,11 @@ struct StepObservation {
   std::string not_carried_out;  // why the campaign could not do the step
   std::string store_trouble;    // the scratch store failed under the step
   std::string skipped;          // why the step does not apply
-  // Sectors that a second fsck -y changed after the first repair.
-  std::optional<uint64_t> second_repair_changed;
+  // The sectors each fsck -y pass of a repair changed, in turn: the passes
+  // go on while one changes something, three at most.
+  std::vector<uint64_t> repair_passes;
+  // Where two reads of the same volume, one after the other, disagreed.
+  std::vector<std::string> disagreements;
 };
 
 // What a row tells as it goes: the campaign reports each step as soon as

@@ -18,7 +18,9 @@ constexpr size_t kReadBytes = 64 * 1024;
 
 std::string ErrorName(int error) { return strerrorname_np(error) ? strerrorname_np(error) : std::to_string(error); }
 
-bool AfterRepair(Expect expect) { return expect == Expect::kUntouched || expect == Expect::kHit; }
+bool AfterRepair(Expect expect) {
+  return expect == Expect::kUntouched || expect == Expect::kHit || expect == Expect::kReadable;
+}
 
 // In the reading process.
 FileReading Read(const std::string& root, const TreeFile& file) {

@@ -1,5 +1,7 @@
 #include "campaign/trial/repair_step.h"
 
+#include <optional>
+
 #include <fmt/format.h>
 
 #include "campaign/machine/sector_snapshot.h"
@@ -9,24 +11,30 @@ namespace {
 
 // fsck's exit status from which a repair has failed: errors left.
 constexpr int kErrorsLeft = 4;
+// A repair that still changes the volume after this many passes does not
+// converge.
+constexpr size_t kPasses = 3;
 
 std::string Sectors(uint64_t count) { return fmt::format("{} {}", count, count == 1 ? "sector" : "sectors"); }
 
-// fsck -y twice, then -n, the sectors each pass changed counted.
+// fsck -y until a pass changes nothing, at most kPasses times, then -n;
+// the sectors each pass changed counted.
 std::string Passes(VolumeUnderTest& volume, StepObservation& step) {
-  const SectorSnapshot before(volume.Device());
-  const CheckerRun repair = volume.Check(step, "-y", Purpose::kRepair);
-  const SectorSnapshot repaired(volume.Device());
-  const size_t changed = repaired.ChangedSince(before).size();
-  volume.Check(step, "-y", Purpose::kRepair);
-  const size_t again = SectorSnapshot(volume.Device()).ChangedSince(repaired).size();
-  step.second_repair_changed = again;
-  const Ending& end = repair.run.end;
+  std::optional<CheckerRun> first;
+  do {
+    const SectorSnapshot before(volume.Device());
+    const CheckerRun repair = volume.Check(step, "-y", Purpose::kRepair);
+    step.repair_passes.push_back(SectorSnapshot(volume.Device()).ChangedSince(before).size());
+    if (!first) first = repair;
+  } while (step.repair_passes.back() != 0 && step.repair_passes.size() < kPasses);
+  const Ending& end = first->run.end;
   std::string said = end.kind != Ending::Kind::kExited || end.code >= kErrorsLeft
-                         ? "the repair failed (" + repair.label + " " + end.Describe() + ")"
-                     : changed == 0 ? "nothing to repair"
-                                    : "repaired " + Sectors(changed);
-  if (again != 0) said += ", and a second pass changed " + Sectors(again);
+                         ? "the repair failed (" + first->label + " " + end.Describe() + ")"
+                     : step.repair_passes.front() == 0 ? "nothing to repair"
+                                                       : "repaired " + Sectors(step.repair_passes.front());
+  for (size_t pass = 1; pass < step.repair_passes.size(); ++pass)
+    if (step.repair_passes[pass] != 0 || pass > 1)
+      said += fmt::format(", pass {} changed {}", pass + 1, Sectors(step.repair_passes[pass]));
   const CheckerRun check = volume.Check(step, "-n", Purpose::kMustBeClean);
   return said + (check.Clean() ? ", then clean" : ", then " + check.Verdict() + ": " + check.FirstLine());
 }
@@ -47,14 +55,14 @@ std::string InUse(VolumeUnderTest& volume, StepObservation& step, const TreeFile
 
 }  // namespace
 
-void RepairStep(VolumeUnderTest& volume, const std::vector<std::pair<TreeFile, Expect>>& files, const TreeFile& added) {
+void RepairStep(VolumeUnderTest& volume, const std::function<std::string(StepObservation&)>& read_files,
+                const TreeFile& added) {
   StepObservation step = volume.Begin("repair");
   std::string said = Passes(volume, step);
   said += "; mount " + volume.Mount(step);
   if (volume.Mounted()) {
-    std::vector<FileRead> reads;
-    for (const auto& [file, expect] : files) reads.push_back(volume.Read(step, {file}, expect).front());
-    said += "; " + Summarize(reads) + "; " + InUse(volume, step, added);
+    said += "; " + read_files(step);  // before the file is added, while mounted
+    said += "; " + InUse(volume, step, added);
   }
   step.said = step.cell = said;
   volume.LetGo(step);

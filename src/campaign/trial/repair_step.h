@@ -1,7 +1,7 @@
 #pragma once
 
-#include <utility>
-#include <vector>
+#include <functional>
+#include <string>
 
 #include "campaign/trial/known_tree.h"
 #include "campaign/trial/observation.h"
@@ -9,8 +9,10 @@
 
 // A damage row's repair step, on the volume as the driver left it, as
 // fstests repairs: fsck.exfat -y, the sectors it changed counted (nothing
-// to repair only when no byte changed); a second -y, which must change
-// nothing; -n, which must find the volume clean; then the volume mounted,
-// `files` read back as each must be, `added` written, synced and read back
-// after a remount, and -n once more.
-void RepairStep(VolumeUnderTest& volume, const std::vector<std::pair<TreeFile, Expect>>& files, const TreeFile& added);
+// to repair only when no byte changed), repeated while a pass changes
+// something, at most three passes: one pass must have done it; -n, which
+// must find the volume clean; then the volume mounted, its files read
+// back by `read_files` (which says how they read, in a few words), `added`
+// written, synced and read back after a remount, and -n once more.
+void RepairStep(VolumeUnderTest& volume, const std::function<std::string(StepObservation&)>& read_files,
+                const TreeFile& added);

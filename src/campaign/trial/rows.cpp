@@ -3,6 +3,9 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <filesystem>
+
+#include "campaign/machine/user_image.h"
 
 namespace {
 
@@ -10,6 +13,8 @@ constexpr uint64_t kMiB = 1 << 20;
 constexpr uint64_t k4K = 4096;
 // The damage rows' volumes: room for the tree many times over.
 constexpr uint64_t kDamageVolume = 32 * kMiB;
+// An image measured past this is taken to be larger than any scratch area.
+constexpr uint64_t kLargestImage = uint64_t{1} << 44;
 
 Aim Fixed(const char* kind) { return {kind, "", {}}; }
 
@@ -110,7 +115,39 @@ const std::vector<Row>& FieldRows() {
   return rows;
 }
 
+std::vector<Row> ImageRows(const std::string& directory, std::string& error) {
+  std::vector<std::string> names;
+  std::error_code listing;
+  for (const auto& entry : std::filesystem::directory_iterator(directory, listing)) {
+    const std::string name = entry.path().filename().string();
+    std::error_code type;
+    if (entry.is_regular_file(type) && name[0] != '.' && !name.ends_with(".sha256")) names.push_back(name);
+  }
+  if (listing) {
+    error = "--images " + directory + ": " + listing.message();
+    return {};
+  }
+  if (names.empty()) error = "--images " + directory + " holds no image files";
+  std::sort(names.begin(), names.end());
+  std::vector<Row> rows;
+  for (const std::string& name : names) {
+    std::string row_name = "image.";
+    for (const char c : name) row_name += isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '-' ? c : '_';
+    const std::string base = row_name;
+    for (int n = 2; std::any_of(rows.begin(), rows.end(), [&](const Row& row) { return row.name == row_name; }); ++n)
+      row_name = base + "-" + std::to_string(n);
+    const std::string path = directory + "/" + name;
+    uint64_t bytes = 0;
+    try {
+      bytes = (UserImage(path).Measure(kLargestImage) + k4K - 1) / k4K * k4K;
+    } catch (const std::exception&) {  // the row tells why
+    }
+    rows.push_back({row_name, false, std::min(bytes, kLargestImage), k4K, "", nullptr, nullptr, path});
+  }
+  return rows;
+}
+
 std::vector<std::string> StepNames(const Row& row) {
-  if (row.damage) return {"make", "check", "mount", "read", "write", "repair"};
+  if (row.damage || !row.image.empty()) return {"make", "check", "mount", "read", "write", "repair"};
   return {"make", "run", "check"};
 }

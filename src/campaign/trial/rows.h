@@ -35,6 +35,8 @@ struct Row {
   // Field rows: the field changed instead of a damage of the tool's, the
   // tree in the root.
   const FieldFuzz* fuzz = nullptr;
+  // Image rows: the image a user brought, tried instead of a volume made.
+  std::string image{};
 };
 
 // Every damage and volume row, the damage rows first, in the order they
@@ -42,6 +44,13 @@ struct Row {
 const std::vector<Row>& AllRows();
 // A field row for each field, instance and verb of the field table.
 const std::vector<Row>& FieldRows();
+
+// A row for each image file in `directory` (raw, or compressed with gzip
+// or xz), "image.<file name>", in the order of their names; a manifest
+// beside an image (<image>.sha256) is not one. Each row's volume is as
+// large as its image once uncompressed, 0 when that cannot be told (its
+// row says why). In `error` a directory that cannot be read or holds none.
+std::vector<Row> ImageRows(const std::string& directory, std::string& error);
 
 // The steps of a row, in order: its KTAP plan.
 std::vector<std::string> StepNames(const Row& row);
