@@ -45,7 +45,7 @@ echo "+ qvexfat-campaign $*"
   echo "+ qvexfat-campaign exited with $?"
 } | {
   lava-test-set start stack
-  in_set=yes planned= reported=0 row= status=
+  in_set=yes planned= reported=0 row= field_row= grouped=no status=
   while IFS= read -r line; do
     printf '%s\n' "$line"
     case $line in
@@ -59,14 +59,20 @@ echo "+ qvexfat-campaign $*"
         lava-test-reference "$key" --result pass --reference "$(echo "$value" | tr ' ' -)"
         continue ;;
       1..*) [ -z "$planned" ] && planned=${line#1..} && planned=${planned%% *} ;;
-      "  # Subtest: "*) row=${line#  \# Subtest: } ;;
+      "  # Subtest: "*) row=${line#  \# Subtest: } grouped=no ;;
+      # A field row, in the test of its structure: its steps one level further in.
+      "    # Subtest: "*) field_row=${line#    \# Subtest: } grouped=yes ;;
       "+ qvexfat-campaign exited with "*) status=${line##* } ;;
     esac
     case $line in
-      "  ok "* | "  not ok "* | "ok "* | "not ok "*)
+      "    ok "* | "    not ok "* | "  ok "* | "  not ok "* | "ok "* | "not ok "*)
         [ "$in_set" = yes ] && lava-test-set stop && in_set=no
         case $line in
-          " "*) set -- $(result "${line#  }") && lava-test-case "$row.$1" --result "$2" ;;
+          "    "*) set -- $(result "${line#    }") && lava-test-case "$field_row.$1" --result "$2" ;;
+          " "*)
+            set -- $(result "${line#  }")
+            if [ "$grouped" = yes ]; then name=$1; else name=$row.$1; fi
+            lava-test-case "$name" --result "$2" ;;
           *) set -- $(result "$line") && lava-test-case "$1" --result "$2" && reported=$((reported + 1)) ;;
         esac ;;
     esac

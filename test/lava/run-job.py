@@ -48,7 +48,7 @@ from run_case import compare  # noqa: E402
 
 DEFINITIONS = ["0_qvexfat-campaign", "1_qvexfat-campaign-interrupted"]
 FAILING_ROW = "bitmap-cleared-under-file"
-WHOLE_RUN_ROWS = "damage,truncate"
+WHOLE_RUN_ROWS = "damage,truncate,stream.DataLength.frag-a.middlebit"
 # The rows of the interrupted run, in the campaign's order: the second is
 # stopped a second after it begins, in whichever of its steps that is.
 INTERRUPTED_ROWS = "fat-root-chain,upcase,root-entry-unused"
@@ -115,10 +115,10 @@ def read_log(text):
 def ktap_runs(target):
     """For each run of the campaign in the log, in order: {case name:
     pass|fail|skip} and the stack its KTAP says."""
-    runs, cases, stack, row = [], None, {}, None
+    runs, cases, stack, rows = [], None, {}, []
     for line in target:
         if line.startswith("+ qvexfat-campaign --"):
-            cases, stack, row = {}, {}, None
+            cases, stack, rows = {}, {}, []
         elif line.startswith("+ qvexfat-campaign exited") and cases is not None:
             runs.append((cases, stack))
             cases = None
@@ -126,10 +126,13 @@ def ktap_runs(target):
             continue
         elif m := re.match(r"# (kernel|checker|tool): (.*)", line):
             stack.setdefault(m[1], m[2])
-        elif m := re.match(r"  # Subtest: (\S+)", line):
-            row = m[1]
-        elif m := re.match(r"(  )?(not )?ok \d+ (\S+)( # SKIP)?", line):
-            name = f"{row}.{m[3]}" if m[1] else m[3]
+        elif m := re.match(r"( *)# Subtest: (\S+)", line):
+            # A row, or the test of a structure whose field rows are a
+            # level further in: a step is named after the row it is in.
+            rows = rows[:len(m[1]) // 2 - 1] + [m[2]]
+        elif m := re.match(r"( *)(not )?ok \d+ (\S+)( # SKIP)?", line):
+            depth = len(m[1]) // 2
+            name = f"{rows[depth - 1]}.{m[3]}" if depth and not (depth == 1 and len(rows) > 1) else m[3]
             cases[name] = "skip" if m[4] else "fail" if m[2] else "pass"
     return runs
 

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <thread>
 
+#include "campaign/machine/error_name.h"
 #include "campaign/machine/interrupt.h"
 #include "campaign/machine/leftovers.h"
 
@@ -24,8 +25,6 @@ struct MountCall {
   int error;  // errno of a refused mount, or 0
   bool read_only;
 };
-
-std::string ErrorName(int error) { return strerrorname_np(error) ? strerrorname_np(error) : std::to_string(error); }
 
 bool ReadOnly(const std::string& directory) {
   struct statvfs info {};

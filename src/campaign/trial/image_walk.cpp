@@ -13,6 +13,7 @@
 
 #include <fmt/format.h>
 
+#include "campaign/machine/error_name.h"
 #include "campaign/machine/sha256.h"
 #include "platform/errno_exception.h"
 #include "platform/unique_fd.h"
@@ -26,8 +27,6 @@ constexpr size_t kDeepest = 64;
 constexpr size_t kWalkText = 64 << 20;
 constexpr size_t kReadBytes = 1 << 20;
 constexpr size_t kDisagreementsTold = 20;
-
-std::string ErrorName(int error) { return strerrorname_np(error) ? strerrorname_np(error) : std::to_string(error); }
 
 // In the walking process: the entries as NUL-separated fields, five each.
 class Walker {

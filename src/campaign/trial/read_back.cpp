@@ -9,14 +9,13 @@
 #include <algorithm>
 #include <map>
 
+#include "campaign/machine/error_name.h"
 #include "platform/unique_fd.h"
 #include "tests/data_block.h"
 
 namespace {
 
 constexpr size_t kReadBytes = 64 * 1024;
-
-std::string ErrorName(int error) { return strerrorname_np(error) ? strerrorname_np(error) : std::to_string(error); }
 
 bool AfterRepair(Expect expect) {
   return expect == Expect::kUntouched || expect == Expect::kHit || expect == Expect::kReadable;

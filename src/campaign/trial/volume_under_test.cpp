@@ -6,6 +6,7 @@
 
 #include <cerrno>
 
+#include "campaign/machine/error_name.h"
 #include "campaign/machine/interrupt.h"
 #include "campaign/trial/read_back.h"
 #include "platform/errno_exception.h"
@@ -16,8 +17,6 @@ namespace {
 using std::chrono::seconds;
 
 // Reading or writing one file of the tree.
-
-std::string ErrorName(int error) { return strerrorname_np(error) ? strerrorname_np(error) : std::to_string(error); }
 
 // What crosses the fork from a write: the errno of the call that failed.
 struct WriteCall {
