@@ -60,10 +60,13 @@ TEST(ImageWalk, ReadsEveryFileOfATree) {
 
 TEST(ImageWalk, TellsWhereTwoReadsDisagree) {
   const WalkedEntry same{"same", false, 3, kAbc, 0};
-  const Walk first = WalkOf({same, {"changed", false, 3, kAbc, 0}, {"gone", false, 0, kEmpty, 0}});
-  const Walk second = WalkOf({same, {"changed", false, 3, "", 5}, {"new", false, 0, kEmpty, 0}});
+  const Walk first = WalkOf({same, {"changed", false, 3, kAbc, 0}, {"flipped", false, 3, kAbc, 0},
+                             {"gone", false, 0, kEmpty, 0}});
+  const Walk second = WalkOf({same, {"changed", false, 3, "", 5}, {"flipped", false, 3, kEmpty, 0},
+                              {"new", false, 0, kEmpty, 0}});
   EXPECT_EQ(Disagreements(first, second),
             (std::vector<std::string>{"changed: 3 bytes, sha256 ba7816bf8f01; then EIO after 3 bytes",
+                                      "flipped: 3 bytes, sha256 ba7816bf8f01; then 3 bytes, sha256 e3b0c44298fc",
                                       "gone: 0 bytes, sha256 e3b0c44298fc; then not listed",
                                       "new: not listed; then 0 bytes, sha256 e3b0c44298fc"}));
   // A walk cut at its bound has not listed everything: what it lacks is no disagreement.
