@@ -19,26 +19,18 @@ class DamageRow {
 
   void Run() {
     const std::string stop = Make();
-    if (!stop.empty()) return Skip({"check", "mount", "read", "write", "repair"}, stop);
+    if (!stop.empty()) return m_volume.SkipSteps({"check", "mount", "read", "write", "repair"}, stop);
     Check();
-    if (MountStep()) {
+    if (m_volume.MountStep()) {
       Read();
       Write();
     } else {
-      Skip({"read", "write"}, "not mounted");
+      m_volume.SkipSteps({"read", "write"}, "not mounted");
     }
     Repair();
   }
 
  private:
-  void Skip(const std::vector<std::string>& names, const std::string& why) {
-    for (const std::string& name : names) {
-      StepObservation step = m_volume.Begin(name);
-      step.skipped = why;
-      m_volume.End(std::move(step));
-    }
-  }
-
   void Check() {
     StepObservation step = m_volume.Begin("check");
     const CheckerRun run = m_volume.Check(step, "-n", Purpose::kLook);
@@ -48,14 +40,6 @@ class DamageRow {
                                       : "the checker gave no verdict: " + run.run.end.Describe();
     step.cell = verdict == "clean" ? "no" : verdict == "damage" ? "yes" : verdict;
     m_volume.End(std::move(step));
-  }
-
-  bool MountStep() {
-    StepObservation step = m_volume.Begin("mount");
-    step.said = step.cell = m_volume.Mount(step);
-    const bool mounted = m_volume.Mounted();
-    m_volume.End(std::move(step));
-    return mounted;
   }
 
   void Read() {

@@ -50,26 +50,19 @@ class ImageRow {
         m_volume(context, listener, (bytes + kLoopUnit - 1) / kLoopUnit * kLoopUnit) {}
 
   void Run() {
-    if (!Make()) return Skip({"check", "mount", "read", "write", "repair"}, "not run: the volume was not made");
+    if (!Make())
+      return m_volume.SkipSteps({"check", "mount", "read", "write", "repair"}, "not run: the volume was not made");
     Check();
-    if (MountStep()) {
+    if (m_volume.MountStep()) {
       Read();
       Write();
     } else {
-      Skip({"read", "write"}, "not mounted");
+      m_volume.SkipSteps({"read", "write"}, "not mounted");
     }
     RepairStep(m_volume, [this](StepObservation& step) { return ReadRepaired(step); }, m_new2);
   }
 
  private:
-  void Skip(const std::vector<std::string>& names, const std::string& why) {
-    for (const std::string& name : names) {
-      StepObservation step = m_volume.Begin(name);
-      step.skipped = why;
-      m_volume.End(std::move(step));
-    }
-  }
-
   bool Make() {
     StepObservation step = m_volume.Begin("make");
     step.lines.push_back(fmt::format("image: {}, {}, {} bytes, on {}", m_image.Path(), m_image.Format(), m_bytes,
@@ -94,14 +87,6 @@ class ImageRow {
     step.said = verdict == "damage" ? "damage: " + run.FirstLine() : verdict;
     step.cell = verdict;
     m_volume.End(std::move(step));
-  }
-
-  bool MountStep() {
-    StepObservation step = m_volume.Begin("mount");
-    step.said = step.cell = m_volume.Mount(step);
-    const bool mounted = m_volume.Mounted();
-    m_volume.End(std::move(step));
-    return mounted;
   }
 
   // One walk of the mounted volume, its process's ending among the step's runs.

@@ -55,6 +55,21 @@ void VolumeUnderTest::End(StepObservation step) {
   m_listener.StepEnded(std::move(step));
 }
 
+void VolumeUnderTest::SkipSteps(const std::vector<std::string>& names, const std::string& why) {
+  for (const std::string& name : names) {
+    StepObservation step = Begin(name);
+    step.skipped = why;
+    End(std::move(step));
+  }
+}
+
+bool VolumeUnderTest::MountStep() {
+  StepObservation step = Begin("mount");
+  step.said = step.cell = Mount(step);
+  End(std::move(step));
+  return Mounted();
+}
+
 CheckerRun VolumeUnderTest::Check(StepObservation& step, const std::string& mode, Purpose purpose) {
   CheckerRun run = RunChecker(m_context.checker, mode, Device(), m_context.limits.checker);
   Record(run, purpose, step);

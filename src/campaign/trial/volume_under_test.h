@@ -29,6 +29,12 @@ class VolumeUnderTest {
   StepObservation Begin(const std::string& name);
   void End(StepObservation step);
 
+  // Steps that do not apply, each reported as skipped for `why`.
+  void SkipSteps(const std::vector<std::string>& names, const std::string& why);
+  // The mount step of a row, which says how the mount went; whether the
+  // volume is mounted.
+  bool MountStep();
+
   // Each adds its lines and runs to `step`.
   CheckerRun Check(StepObservation& step, const std::string& mode, Purpose purpose);
   // The mount's outcome in a word: "taken", "refused (EIO)".
