@@ -6,9 +6,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <fstream>
-#include <regex>
 #include <stdexcept>
 
 #include <fmt/format.h>
@@ -27,6 +27,7 @@ constexpr size_t kDeepest = 64;
 constexpr size_t kWalkText = 64 << 20;
 constexpr size_t kReadBytes = 1 << 20;
 constexpr size_t kDisagreementsTold = 20;
+constexpr size_t kDigestDigits = 64;
 
 // In the walking process: the entries as NUL-separated fields, five each.
 class Walker {
@@ -178,17 +179,20 @@ std::vector<std::string> Disagreements(const Walk& first, const Walk& second) {
 std::map<std::string, std::string> ReadManifest(const std::string& path) {
   std::ifstream in(path);
   if (!in) throw ErrnoException(errno ? errno : EIO, path);
-  static const std::regex kLine("([0-9a-fA-F]{64}) [ *](.+)");
   std::map<std::string, std::string> digests;
   std::string line;
   for (size_t number = 1; std::getline(in, line); ++number) {
-    std::smatch match;
     if (line.empty()) continue;
-    if (!std::regex_match(line, match, kLine))
+    // "<64 hex digits> <' ' for text, '*' for binary><path>"
+    const bool well_formed = line.size() > kDigestDigits + 2 && line[kDigestDigits] == ' ' &&
+                             (line[kDigestDigits + 1] == ' ' || line[kDigestDigits + 1] == '*') &&
+                             std::all_of(line.begin(), line.begin() + kDigestDigits,
+                                         [](char c) { return isxdigit(static_cast<unsigned char>(c)) != 0; });
+    if (!well_formed)
       throw std::runtime_error(fmt::format("{}, line {}: not a SHA-256 digest and a path", path, number));
-    std::string file = match[2];
+    std::string file = line.substr(kDigestDigits + 2);
     while (file.rfind("./", 0) == 0 || file.rfind('/', 0) == 0) file.erase(0, file[0] == '/' ? 1 : 2);
-    std::string digest = match[1];
+    std::string digest = line.substr(0, kDigestDigits);
     std::transform(digest.begin(), digest.end(), digest.begin(), [](char c) { return static_cast<char>(tolower(c)); });
     digests[file] = digest;
   }
