@@ -65,6 +65,10 @@ struct FieldFuzz {
 };
 
 const std::vector<Field>& AllFields();
+// The sector sizes a BytesPerSectorShift may name: 512 to 4096 bytes.
+constexpr uint8_t kMinSectorShift = 9;
+constexpr uint8_t kMaxSectorShift = 12;
+
 // The field of that structure and name ("boot", "VolumeLength"); it must
 // be in the table.
 const Field& FieldNamed(const std::string& structure, const std::string& name);

@@ -18,8 +18,6 @@ namespace {
 
 constexpr uint64_t kEntryBytes = 32;
 constexpr uint64_t kBootChecksumSector = 11;
-constexpr uint8_t kMinSectorShift = 9;  // 512 to 4096 bytes a sector
-constexpr uint8_t kMaxSectorShift = 12;
 constexpr uint64_t kSecondaryCount = 1;  // in the File entry
 constexpr uint64_t kSetChecksum = 2;
 constexpr uint64_t kNameLength = 3;   // in the Stream Extension entry

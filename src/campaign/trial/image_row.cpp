@@ -22,8 +22,6 @@
 namespace {
 
 constexpr uint64_t kLoopUnit = 4096;  // a loop device's size is a multiple of its blocks
-constexpr uint8_t kMinSectorShift = 9;
-constexpr uint8_t kMaxSectorShift = 12;
 
 // Why the boot sector's VolumeLength reaches past the image's end, or "":
 // the copy would end inside the volume, and what lies past it is not the
