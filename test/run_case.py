@@ -488,7 +488,8 @@ class Case:
         """The campaign's command line and environment. Helpers given as
         its --tool find the tool in $QVEXFAT_TOOL and the rand()
         replacement in $QVEXFAT_RAND_LIB (in a static machine, the tool
-        built with it in $QVEXFAT_PINNED_TOOL)."""
+        built with it in $QVEXFAT_PINNED_TOOL); stand-ins on the host find
+        faultfs in $QVEXFAT_FAULTFS."""
         argv = [self.substitute(a) for a in argv]
         if self.guest:
             pinning = ("QVEXFAT_RAND_LIB= QVEXFAT_PINNED_TOOL=qvexfat-test-pinned" if self.guest.static
@@ -496,7 +497,7 @@ class Case:
             return (f"QVEXFAT_TOOL=qvexfat-test {pinning} TMPDIR={Guest.ROOT} "
                     + shlex.join(["qvexfat-campaign"] + argv)), None
         env = dict(os.environ, QVEXFAT_TOOL=self.args.tool, QVEXFAT_RAND_LIB=self.args.rand_lib,
-                   TMPDIR=self.scratch, QVEXFAT_SCRATCH=self.scratch)
+                   TMPDIR=self.scratch, QVEXFAT_SCRATCH=self.scratch, QVEXFAT_FAULTFS=self.args.faultfs or "")
         if self.path:
             env["PATH"] = self.path + ":" + env["PATH"]
         env["ASAN_OPTIONS"] = env.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"

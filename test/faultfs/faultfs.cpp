@@ -2,7 +2,11 @@
 // unchanged, or breaks exactly one of the volume's rules, so that each
 // volume test can be shown to fail on the fault it exists to find.
 //
-//   faultfs [--fault=NAME[=ARG]] <backing-dir> <mount-point> [FUSE options]
+//   faultfs [--fault=NAME[=ARG]] [--unmount-backing] <backing-dir> <mount-point> [FUSE options]
+//
+// With --unmount-backing, the backing directory is a mount of its own that
+// faultfs unmounts as it ends, so that the two stacked mounts come and go
+// as one (a stand-in for mount.exfat-fuse stacks it over exfat-fuse).
 //
 // Space, ENOSPC, statvfs and the name rules all come from the backing
 // volume. Entries the volume would refuse (over-long or forbidden names, or
@@ -13,6 +17,7 @@
 #include <fcntl.h>
 #include <fuse.h>
 #include <stdlib.h>
+#include <sys/mount.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -32,17 +37,19 @@ namespace {
 
 enum Fault { kNone, kStaleExtend, kForeignExtend, kWrongTruncateSize, kNoEnospc,
              kTruncateFreesWrong, kTruncateZeroesKept, kLongNames, kBadChars, kRenameLong,
-             kLoseEntry, kSharedCluster, kWrongStatSize, kStaleWriteSize };
+             kLoseEntry, kSharedCluster, kWrongStatSize, kStaleWriteSize, kOtherBytes, kReadErrors };
 const char* const kFaultNames[] = {"none", "stale-extend", "foreign-extend",
     "wrong-truncate-size", "no-enospc", "truncate-frees-wrong", "truncate-zeroes-kept", "long-names", "bad-chars",
-    "rename-long", "lose-entry", "shared-cluster", "wrong-stat-size", "stale-write-size"};
-static_assert(std::size(kFaultNames) == kStaleWriteSize + 1);
+    "rename-long", "lose-entry", "shared-cluster", "wrong-stat-size", "stale-write-size", "other-bytes",
+    "read-errors"};
+static_assert(std::size(kFaultNames) == kReadErrors + 1);
 
 Fault fault = kNone;
 std::string bad_chars = "?|*:<>";  // bad-chars: the forbidden characters let through
 long lose_nth = 200;               // lose-entry: which creation in a directory is lost
 bool cut_names = false;            // rename-long=cut: a long new name keeps its first 255 bytes
 bool past_end_only = false;        // stale-write-size=past-end: only writes that leave a hole
+long other_from = 2;               // other-bytes: from which open of a file on
 std::string root, spill;           // the backing directory; no-enospc's spill directory
 std::map<std::string, std::string> names;  // caller's path -> backing path, where not root + path
 long next_name = 0;
@@ -55,8 +62,10 @@ off_t tail_at = 0;                        // where it cut,
 std::vector<char> tail;                   // and the bytes cut off
 std::map<std::string, long> created;      // lose-entry: files created per directory
 std::string last_written, partner;        // shared-cluster
+std::map<std::string, long> opened;       // other-bytes: opens per file
 
-struct Handle { int fd; bool append; std::string path, backing; };  // an open file
+// An open file; `other` when its reads serve other bytes (other-bytes).
+struct Handle { int fd; bool append; std::string path, backing; bool other = false; };
 Handle& H(fuse_file_info* fi) { return *reinterpret_cast<Handle*>(fi->fh); }
 
 std::string Parent(const std::string& path) {
@@ -240,11 +249,19 @@ int Create(const char* path, mode_t mode, fuse_file_info* fi) {
 
 int Open(const char* path, fuse_file_info* fi) {
   std::string backing = Backing(path);
-  return NewHandle(open(backing.c_str(), BackingFlags(fi->flags)), path, backing, fi);
+  if (int r = NewHandle(open(backing.c_str(), BackingFlags(fi->flags)), path, backing, fi)) return r;
+  H(fi).other = fault == kOtherBytes && ++opened[backing] >= other_from;
+  return 0;
 }
 
+// other-bytes: from the chosen open of a file on, its first byte reads
+// inverted, as from a card whose reads are not stable; read-errors: every
+// read of a file fails, as from a card that cannot read its data.
 int Read(const char*, char* buf, size_t size, off_t offset, fuse_file_info* fi) {
-  return Fail(static_cast<int>(pread(H(fi).fd, buf, size, offset)));
+  if (fault == kReadErrors) return -EIO;
+  ssize_t n = pread(H(fi).fd, buf, size, offset);
+  if (n > 0 && offset == 0 && H(fi).other) buf[0] = static_cast<char>(~buf[0]);
+  return Fail(static_cast<int>(n));
 }
 
 int Write(const char*, const char* buf, size_t size, off_t offset, fuse_file_info* fi) {
@@ -333,8 +350,10 @@ void* Init(fuse_conn_info*, fuse_config* config) {
 struct Options {
   char* fault = nullptr;
   char* backing = nullptr;
+  int unmount_backing = 0;
 };
-const fuse_opt kOptions[] = {{"--fault=%s", offsetof(Options, fault), 0}, FUSE_OPT_END};
+const fuse_opt kOptions[] = {{"--fault=%s", offsetof(Options, fault), 0},
+                             {"--unmount-backing", offsetof(Options, unmount_backing), 1}, FUSE_OPT_END};
 
 // The first word that is not an option is the backing directory; the
 // mount point and the rest go on to FUSE.
@@ -355,7 +374,10 @@ bool ParseFault(const std::string& text) {
   if (fault == kLoseEntry && !arg.empty()) lose_nth = atol(arg.c_str());
   cut_names = fault == kRenameLong && arg == "cut";
   past_end_only = fault == kStaleWriteSize && arg == "past-end";
-  return lose_nth > 0 && (arg.empty() || fault == kBadChars || fault == kLoseEntry || cut_names || past_end_only);
+  if (fault == kOtherBytes && !arg.empty()) other_from = atol(arg.c_str());
+  return lose_nth > 0 && other_from > 0 &&
+         (arg.empty() || fault == kBadChars || fault == kLoseEntry || fault == kOtherBytes || cut_names ||
+          past_end_only);
 }
 
 }  // namespace
@@ -365,7 +387,8 @@ int main(int argc, char** argv) {
   Options options;
   if (fuse_opt_parse(&args, &options, kOptions, TakeBacking) != 0 || !options.backing ||
       (options.fault && !ParseFault(options.fault))) {
-    fprintf(stderr, "usage: %s [--fault=NAME[=ARG]] <backing-dir> <mount-point> [FUSE options]\n",
+    fprintf(stderr,
+            "usage: %s [--fault=NAME[=ARG]] [--unmount-backing] <backing-dir> <mount-point> [FUSE options]\n",
             argv[0]);
     return 2;
   }
@@ -388,5 +411,9 @@ int main(int argc, char** argv) {
   fuse_opt_add_arg(&args, "-ofsname=faultfs,subtype=faultfs");
   int status = fuse_main(args.argc, args.argv, &ops, nullptr);
   fuse_opt_free_args(&args);
+  if (options.unmount_backing && umount2(root.c_str(), 0) != 0) {
+    fprintf(stderr, "faultfs: unmounting %s: %s\n", root.c_str(), strerror(errno));
+    return 1;
+  }
   return status;
 }

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -55,7 +56,7 @@ class Walker {
       errno = 0;
       while (const dirent* entry = readdir(directory)) {
         const std::string name = entry->d_name;
-        if (name != "." && name != "..") children.emplace_back(name, entry->d_type == DT_DIR);
+        if (name != "." && name != "..") children.emplace_back(name, IsDirectory(directory, *entry));
         if (children.size() > kMostEntries) break;
       }
       self.error = errno;
@@ -71,6 +72,18 @@ class Walker {
       if (is_directory) Directory(root, child, depth + 1);
       else Add(File(root, child));
     }
+  }
+
+  // Drivers need not say an entry's type in the listing (FUSE
+  // filesystems often do not): then it is asked for.
+  static bool IsDirectory(DIR* directory, const dirent& entry) {
+    if (entry.d_type != DT_UNKNOWN) return entry.d_type == DT_DIR;
+    struct stat st {};
+    const int listing_error = errno;  // readdir's, which a failed fstatat must not replace
+    const bool is_directory =
+        fstatat(dirfd(directory), entry.d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode);
+    errno = listing_error;
+    return is_directory;
   }
 
   static WalkedEntry File(const std::string& root, const std::string& path) {
