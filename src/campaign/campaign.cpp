@@ -21,6 +21,10 @@
 #include "campaign/preflight.h"
 #include "campaign/report/markdown.h"
 #include "campaign/report/report_file.h"
+#include "campaign/power/power_cut_row.h"
+#include "campaign/power/recording.h"
+#include "campaign/power/replay_row.h"
+#include "campaign/power/user_log.h"
 #include "campaign/report/reporter.h"
 #include "campaign/trial/damage_row.h"
 #include "campaign/trial/image_row.h"
@@ -82,10 +86,12 @@ uint32_t RunSeed(const CampaignOptions& options, const ScratchStore& store) {
 }
 
 // A row's own seed: no two rows write the same bytes, whichever run. The
-// field rows share theirs, as they share one volume.
+// field rows share theirs, as they share one volume, and so do the
+// power-cut rows, which share one log.
 uint32_t RowSeed(uint32_t run_seed, const Row& row) {
   uint32_t hash = 2166136261u;  // FNV-1a
-  for (const char c : row.fuzz ? std::string("fields") : row.name) hash = (hash ^ static_cast<uint8_t>(c)) * 16777619u;
+  const std::string shared = row.fuzz ? "fields" : !row.power_cut.empty() ? "power-cut" : row.name;
+  for (const char c : shared) hash = (hash ^ static_cast<uint8_t>(c)) * 16777619u;
   return run_seed ^ (hash & ~0xffu);  // the tree's files take the seeds above it
 }
 
@@ -126,6 +132,8 @@ int RunRows(const std::vector<const Row*>& rows, Context& context, Reporter& rep
     reporter.BeginRow(*row);
     try {
       if (!row->image.empty()) RunImageRow(context, *row, RowSeed(context.seed, *row), reporter);
+      else if (!row->power_cut.empty()) RunPowerCutRow(context, *row, RowSeed(context.seed, *row), reporter);
+      else if (row->replayed) RunReplayRow(context, *row, RowSeed(context.seed, *row), reporter);
       else if (row->damage) RunDamageRow(context, *row, RowSeed(context.seed, *row), reporter);
       else RunVolumeRow(context, *row, reporter);
       reporter.EndRow();
@@ -173,10 +181,12 @@ int Campaign(const CampaignOptions& options, const std::vector<const Row*>& rows
   KtapWriter ktap(out);
   Reporter reporter(ktap, progress, rows);
   GoldenVolume golden;
+  Recording recording;
   Context context{options.driver, options.tool,    options.checker,
                   options.limits, workspace.MountPoint(), *store,
                   kernel_log,     seed,            store->IsImage() && options.keep,
-                  &golden};
+                  &golden,        &recording,
+                  options.points.value_or(kDurablePoints), options.points.value_or(kTornPoints)};
 
   int stopped_by = 0;
   const auto started = std::chrono::steady_clock::now();
@@ -196,7 +206,7 @@ int Campaign(const CampaignOptions& options, const std::vector<const Row*>& rows
   if (markdown) markdown->Close();
   Teardown teardown = TakeTeardownNotes();
   if (!AwaitStrays()) teardown.left.push_back("a process the campaign started did not end, and was killed");
-  const Teardown swept = Sweep(workspace.Directory(), store->Path());
+  const Teardown swept = Sweep(workspace.Directory(), store->Path(), getpid());
   teardown.Add(swept);
   const std::string image = store->IsImage() && !options.keep ? store->Path() : "";
   store.reset();
@@ -227,9 +237,16 @@ int RunCampaign(int argc, char* argv[]) {
     fputs(options.help ? Usage().c_str() : "qvexfat-campaign " QVEXFAT_VERSION "\n", stdout);
     return 0;
   }
-  std::vector<const Row*> rows = options.only.empty() && !options.images.empty()
-                                     ? std::vector<const Row*>{}
-                                     : SelectRows(options.only, error);
+  UserLog user_log;
+  std::vector<Row> replay_rows;
+  if (!options.replay.empty())
+    replay_rows = ReplayRows(options.replay, options.base, options.points.value_or(kDurablePoints), user_log, error);
+  // Images and a log are run alone unless rows are named.
+  std::vector<const Row*> rows;
+  if (error.empty() && options.only.empty() && (!options.images.empty() || !options.replay.empty()))
+    for (const Row& row : replay_rows) rows.push_back(&row);
+  else if (error.empty())
+    rows = SelectRows(options.only, replay_rows, error);
   std::vector<Row> image_rows;
   if (error.empty() && !options.images.empty()) image_rows = ImageRows(options.images, error);
   for (const Row& row : image_rows) rows.push_back(&row);

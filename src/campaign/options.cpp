@@ -48,6 +48,7 @@ std::string Usage() {
       "Usage: qvexfat-campaign [--driver kernel|fuse] [--only NAMES] [--markdown FILE]\n"
       "                        [--tool PATH] [--fsck PATH] [--keep] [--timeout SECONDS]\n"
       "                        [--limits LIMITS] [--seed N] [--images DIR]\n"
+      "                        [--replay LOG --base IMAGE] [--points N]\n"
       "                        (--image FILE [--size SIZE] |\n"
       "                         --device DEV --yes [--whole-disk])\n"
       "\n"
@@ -66,11 +67,19 @@ std::string Usage() {
       "  --only NAMES   comma-separated rows; \"damage\" and \"volume\" name the groups\n"
       "                 (the default: both), \"fields\" the field rows' quick tier,\n"
       "                 \"fields-all\" every field row, and a field row's prefix\n"
-      "                 its rows (stream.DataLength)\n"
+      "                 its rows (stream.DataLength), \"power-cut\" the power-cut\n"
+      "                 rows (Linux's dm-log-writes under the volume)\n"
       "  --images DIR   a row for each image file in DIR (raw, gzip or xz), tried on\n"
       "                 a copy: check, mount, every file read twice, write, repair;\n"
       "                 IMAGE.sha256 beside one (as sha256sum prints) names its\n"
       "                 files' contents. Without --only, only the images are run\n"
+      "  --replay LOG   a dm-log-writes log (dmsetup, or QEMU's blklogwrites) of a\n"
+      "  --base IMAGE   volume that IMAGE (raw, gzip or xz) holds as it was when\n"
+      "                 logging began: a row for each flush, FUA and mark point,\n"
+      "                 where the volume must be clean, mount and repair. Without\n"
+      "                 --only, only the log is run\n"
+      "  --points N     the most flush and torn points a log's rows try (default:\n"
+      "                 32 flush points, 64 torn points)\n"
       "  --markdown F   the results as Markdown tables in F\n"
       "  --tool, --fsck the programs to try (qvexfat-test, fsck.exfat)\n"
       "  --timeout S    seconds any program may take before its step is TIMEOUT\n"
@@ -96,6 +105,15 @@ std::string Usage() {
   }
   usage += "  fields: <structure>.<Field>[.<instance>].<verb>, " + std::to_string(FieldRows().size()) +
            " rows, such as\n          stream.ValidDataLength.frag-a.firstbit and boot.VolumeLength.ones\n";
+  std::string line = "  power-cut:";
+  for (const Row& row : PowerCutRows()) {
+    if (line.size() + row.name.size() > 76) {
+      usage += line + "\n";
+      line = "            ";
+    }
+    line += " " + row.name;
+  }
+  usage += line + "\n";
   return usage +
          "\nExit status: 0 every row ok, 1 some row not ok, 2 a usage error or a refused\n"
          "device, 4 skipped (a prerequisite missing: root, a driver, loop devices or a\n"
@@ -112,7 +130,8 @@ CampaignOptions ParseOptions(int argc, char* argv[], std::string& error) {
       {"limits", required_argument, nullptr, 'l'},  {"help", no_argument, nullptr, 'h'},
       {"version", no_argument, nullptr, 'V'},       {"whole-disk", no_argument, nullptr, 'w'},
       {"timeout", required_argument, nullptr, 'T'},  {"seed", required_argument, nullptr, 'S'},
-      {"images", required_argument, nullptr, 'I'},
+      {"images", required_argument, nullptr, 'I'},  {"replay", required_argument, nullptr, 'r'},
+      {"base", required_argument, nullptr, 'b'},    {"points", required_argument, nullptr, 'P'},
       {nullptr, 0, nullptr, 0},
   };
   CampaignOptions options;
@@ -155,6 +174,15 @@ CampaignOptions ParseOptions(int argc, char* argv[], std::string& error) {
       case 'k': options.keep = true; break;
       case 'i': options.image = value; break;
       case 'I': options.images = value; break;
+      case 'r': options.replay = value; break;
+      case 'b': options.base = value; break;
+      case 'P':
+        if (value.empty() || value.find_first_not_of("0123456789") != std::string::npos || value.size() > 4 ||
+            std::stoul(value) == 0)
+          error = "--points takes a number from 1 to 9999, not " + value;
+        else
+          options.points = std::stoul(value);
+        break;
       case 's':
         options.size = ParseSize(value);
         if (options.size == 0) error = "--size takes digits and one of K, M, G or T, such as 384M, not " + value;
@@ -178,6 +206,7 @@ CampaignOptions ParseOptions(int argc, char* argv[], std::string& error) {
   else if (!options.device.empty() && options.size != 0) error = "--size is for --image";
   else if (options.device.empty() && options.whole_disk) error = "--whole-disk is for --device";
   else if (!options.device.empty() && options.keep) error = "--keep is for --image: a device keeps the last row's volume";
+  else if (options.replay.empty() != options.base.empty()) error = "--replay LOG and --base IMAGE go together";
   return options;
 }
 
@@ -189,6 +218,8 @@ namespace {
 // up-case table's entry).
 bool Names(const std::string& name, const Row& row, bool a_row_is_named_so) {
   if (name == row.name) return true;
+  if (!row.power_cut.empty()) return name == "power-cut";
+  if (row.replayed) return name == "replay";
   if (!row.fuzz) return name == (row.damage ? "damage" : "volume");
   if (name == "fields-all") return true;
   if (name == "fields") return row.fuzz->quick;
@@ -198,13 +229,16 @@ bool Names(const std::string& name, const Row& row, bool a_row_is_named_so) {
 
 }  // namespace
 
-std::vector<const Row*> SelectRows(const std::vector<std::string>& only, std::string& error) {
+std::vector<const Row*> SelectRows(const std::vector<std::string>& only, const std::vector<Row>& replay_rows,
+                                   std::string& error) {
   std::vector<const Row*> candidates;
   for (const Row& row : AllRows()) candidates.push_back(&row);
   for (const Row& row : FieldRows()) candidates.push_back(&row);
+  for (const Row& row : PowerCutRows()) candidates.push_back(&row);
+  for (const Row& row : replay_rows) candidates.push_back(&row);
   std::vector<const Row*> rows;
   for (const Row* row : candidates) {
-    bool chosen = only.empty() && !row->fuzz;
+    bool chosen = only.empty() && !row->fuzz && row->power_cut.empty() && !row->replayed;
     for (const std::string& name : only) {
       const bool exact = std::any_of(candidates.begin(), candidates.end(), [&](const Row* r) { return r->name == name; });
       chosen = chosen || Names(name, *row, exact);

@@ -20,6 +20,9 @@ struct CampaignOptions {
   bool keep = false;
   std::string image;
   std::string images;  // a directory of images to try, a row each
+  std::string replay;  // a write log the user brings, tried at each durable point
+  std::string base;    // the volume the log began from
+  std::optional<size_t> points;  // the most durable and torn points a log's rows try
   uint64_t size = 0;  // 0: what the largest row needs
   std::string device;
   bool yes = false;
@@ -34,6 +37,7 @@ CampaignOptions ParseOptions(int argc, char* argv[], std::string& error);
 
 std::string Usage();
 
-// The rows that `only` names, in the campaign's order; in `error` a name
-// that is no row's.
-std::vector<const Row*> SelectRows(const std::vector<std::string>& only, std::string& error);
+// The rows that `only` names, in the campaign's order, among the
+// campaign's own and `replay_rows`; in `error` a name that is no row's.
+std::vector<const Row*> SelectRows(const std::vector<std::string>& only, const std::vector<Row>& replay_rows,
+                                   std::string& error);

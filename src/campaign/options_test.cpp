@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "campaign/machine/scratch_store.h"
+#include "campaign/power/user_log.h"
 
 namespace {
 
@@ -15,23 +16,34 @@ std::vector<std::string> Names(const std::vector<const Row*>& rows) {
 
 TEST(Options, SelectsRowsByNameAndGroupInTheCampaignsOrder) {
   std::string error;
-  EXPECT_EQ(SelectRows({}, error).size(), 19u);
-  EXPECT_EQ(SelectRows({"damage"}, error).size(), 10u);
-  EXPECT_EQ(Names(SelectRows({"filldir", "upcase", "damage"}, error)).back(), "filldir");
-  EXPECT_EQ(Names(SelectRows({"rename", "upcase"}, error)), (std::vector<std::string>{"upcase", "rename"}));
+  EXPECT_EQ(SelectRows({}, {}, error).size(), 19u);
+  EXPECT_EQ(SelectRows({"damage"}, {}, error).size(), 10u);
+  EXPECT_EQ(Names(SelectRows({"filldir", "upcase", "damage"}, {}, error)).back(), "filldir");
+  EXPECT_EQ(Names(SelectRows({"rename", "upcase"}, {}, error)), (std::vector<std::string>{"upcase", "rename"}));
   EXPECT_TRUE(error.empty());
-  SelectRows({"upcase", "fsck"}, error);
+  SelectRows({"upcase", "fsck"}, {}, error);
   EXPECT_EQ(error, "no row is called \"fsck\" (see --help)");
   error.clear();
   // Field rows only when asked for; a prefix ends at a dot; a row's own
   // name beats a prefix.
-  EXPECT_EQ(SelectRows({"fields"}, error).size(), 340u);
-  EXPECT_EQ(Names(SelectRows({"stream.DataLength.frag-a"}, error)).front(), "stream.DataLength.frag-a.zeroes");
-  EXPECT_EQ(SelectRows({"stream.DataLength.frag-a"}, error).size(), 7u);
-  EXPECT_TRUE(SelectRows({"stream.DataLen"}, error).empty());
+  EXPECT_EQ(SelectRows({"fields"}, {}, error).size(), 340u);
+  EXPECT_EQ(Names(SelectRows({"stream.DataLength.frag-a"}, {}, error)).front(), "stream.DataLength.frag-a.zeroes");
+  EXPECT_EQ(SelectRows({"stream.DataLength.frag-a"}, {}, error).size(), 7u);
+  EXPECT_TRUE(SelectRows({"stream.DataLen"}, {}, error).empty());
   EXPECT_EQ(error, "no row is called \"stream.DataLen\" (see --help)");
   error.clear();
-  EXPECT_EQ(Names(SelectRows({"upcase"}, error)), std::vector<std::string>{"upcase"});
+  EXPECT_EQ(Names(SelectRows({"upcase"}, {}, error)), std::vector<std::string>{"upcase"});
+  EXPECT_TRUE(error.empty());
+  // The power-cut rows by their group, and the rows of a log by theirs.
+  EXPECT_EQ(Names(SelectRows({"power-cut"}, {}, error)).back(), "power-cut.torn");
+  UserLog log;
+  std::vector<Row> replayed = {{"replay.entry-3", false, 4096, 4096, "", nullptr},
+                               {"replay.synced", false, 4096, 4096, "", nullptr}};
+  for (Row& row : replayed) row.replayed = &log;
+  EXPECT_EQ(Names(SelectRows({"replay.synced", "upcase"}, replayed, error)),
+            (std::vector<std::string>{"upcase", "replay.synced"}));
+  EXPECT_EQ(SelectRows({"replay"}, replayed, error).size(), 2u);
+  EXPECT_EQ(SelectRows({}, replayed, error).size(), 19u);
   EXPECT_TRUE(error.empty());
 }
 

@@ -17,6 +17,7 @@
 
 #include "campaign/machine/child.h"
 #include "campaign/machine/device_checks.h"
+#include "campaign/machine/device_mapper.h"
 #include "campaign/machine/scratch_store.h"
 #include "campaign/trial/checker.h"
 #include "platform/unique_fd.h"
@@ -107,8 +108,8 @@ std::string Sizes(CampaignOptions& options, const std::vector<const Row*>& rows)
   const Row* largest = nullptr;
   uint64_t most = 0;
   for (const Row* row : rows) {
-    most = std::max(most, row->volume_bytes);
-    if (row->image.empty() && (!largest || row->volume_bytes > largest->volume_bytes)) largest = row;
+    most = std::max(most, StoreBytes(*row));
+    if (row->image.empty() && (!largest || StoreBytes(*row) > StoreBytes(*largest))) largest = row;
   }
   uint64_t available = options.size;
   if (!options.device.empty()) {
@@ -118,8 +119,9 @@ std::string Sizes(CampaignOptions& options, const std::vector<const Row*>& rows)
   } else if (available == 0) {
     options.size = available = most;
   }
-  if (largest && largest->volume_bytes > available)
-    return "row " + largest->name + " needs a volume of " + FormatSize(largest->volume_bytes) + ", and " +
+  if (largest && StoreBytes(*largest) > available)
+    return "row " + largest->name + " needs a volume of " + FormatSize(largest->volume_bytes) +
+           (largest->log_bytes ? " and a log of " + FormatSize(largest->log_bytes) : "") + ", and " +
            (options.device.empty() ? "the image" : options.device) + " holds " + FormatSize(available);
   return options.device.empty() ? Room(options.image, options.size) : "";
 }
@@ -165,6 +167,9 @@ Refusal Preflight(CampaignOptions& options, const std::vector<const Row*>& rows,
     return skip("FUSE is not available: no /dev/fuse, or no fuseblk in /proc/filesystems");
   if (access("/dev/loop-control", R_OK | W_OK) != 0) return skip("/dev/loop-control is missing: no loop device support");
   if (access("/dev/kmsg", R_OK) != 0) return skip("/dev/kmsg cannot be read: the kernel's reports would go unseen");
+  // Power-cut rows among others are skipped in their rows.
+  if (!rows.empty() && std::all_of(rows.begin(), rows.end(), [](const Row* row) { return !row->power_cut.empty(); }))
+    if (std::string missing = DmTargetMissing("log-writes"); !missing.empty()) return skip(missing);
 
   // A program that does not answer these within its time is no program to try.
   // fsck.exfat -V prints its version and exits 16, as for any usage.

@@ -40,7 +40,7 @@ import sys
 import time
 from pathlib import Path
 
-MODULES = ["virtio_mmio", "virtio_console", "loop", "exfat"]
+MODULES = ["virtio_mmio", "virtio_console", "loop", "exfat", "dm_mod", "dm_log_writes"]
 LIBRARY_DIRS = ["lib/aarch64-linux-gnu", "usr/lib/aarch64-linux-gnu"]
 LOADER = "ld-linux-aarch64.so.1"  # in /lib, where the binaries ask for it
 

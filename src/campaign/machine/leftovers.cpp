@@ -14,6 +14,7 @@
 #include <sstream>
 #include <utility>
 
+#include "campaign/machine/device_mapper.h"
 #include "campaign/machine/loop_device.h"
 #include "platform/unique_fd.h"
 
@@ -93,7 +94,7 @@ std::vector<std::string> LoopDevicesOver(const std::string& path) {
   return devices;
 }
 
-Teardown Sweep(const std::string& directory, const std::string& store) {
+Teardown Sweep(const std::string& directory, const std::string& store, pid_t owner) {
   Teardown teardown;
   // Listed before the unmounts, which let a FUSE daemon end and so detach
   // its device by itself.
@@ -101,6 +102,11 @@ Teardown Sweep(const std::string& directory, const std::string& store) {
   for (const std::string& point : MountsBelow(directory)) {
     if (umount2(point.c_str(), MNT_DETACH) == 0) teardown.undone.push_back("unmounted " + point);
     else teardown.left.push_back(point + " stays mounted (" + strerror(errno) + ")");
+  }
+  // It holds loop devices over the store.
+  if (const std::string logger = CampaignDmName(owner); DmDeviceExists(logger)) {
+    if (const std::string left = RemoveDmDevice(logger); left.empty()) teardown.undone.push_back("removed /dev/mapper/" + logger);
+    else teardown.left.push_back(left);
   }
   for (const std::string& device : devices) {
     // Detached now when unused, else as soon as its last user lets go.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 #include <vector>
 
@@ -28,6 +30,7 @@ std::vector<std::string> MountsBelow(const std::string& directory);
 // that file has been removed.
 std::vector<std::string> LoopDevicesOver(const std::string& path);
 
-// Unmounts whatever is still mounted below `directory` and detaches every
-// loop device over `store`, checking that each one is gone.
-Teardown Sweep(const std::string& directory, const std::string& store);
+// Unmounts whatever is still mounted below `directory`, removes the
+// device-mapper device of the campaign with process id `owner`, and
+// detaches every loop device over `store`, checking that each one is gone.
+Teardown Sweep(const std::string& directory, const std::string& store, pid_t owner);

@@ -37,11 +37,12 @@ bool Configure(int loop_fd, int backing_fd, const loop_config& config) {
 
 }  // namespace
 
-LoopDevice::LoopDevice(int backing_fd, uint64_t size, bool direct) {
+LoopDevice::LoopDevice(int backing_fd, uint64_t size, bool direct, uint64_t offset) {
   UniqueFd control(open("/dev/loop-control", O_RDWR | O_CLOEXEC));
   if (!control.IsOpen()) throw ErrnoException(errno, "/dev/loop-control");
   loop_config config{};
   config.fd = static_cast<uint32_t>(backing_fd);
+  config.info.lo_offset = offset;
   config.info.lo_sizelimit = size;
   config.info.lo_flags = LO_FLAGS_AUTOCLEAR | (direct ? LO_FLAGS_DIRECT_IO : 0);
   for (int attempt = 0;; ++attempt) {

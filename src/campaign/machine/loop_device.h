@@ -12,9 +12,9 @@
 class LoopDevice {
  public:
   // With `direct`, reads and writes bypass the backing device's page
-  // cache, so that what is read back comes from the medium. Throws
-  // ErrnoException when no loop device can be set up.
-  LoopDevice(int backing_fd, uint64_t size, bool direct);
+  // cache, so that what is read back comes from the medium. From `offset`
+  // on, when given. Throws ErrnoException when no loop device can be set up.
+  LoopDevice(int backing_fd, uint64_t size, bool direct, uint64_t offset = 0);
   // Torn down early (an interrupt, a row abandoned): says so for the run.
   ~LoopDevice();
   LoopDevice(const LoopDevice&) = delete;

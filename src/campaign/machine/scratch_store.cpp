@@ -64,6 +64,10 @@ std::unique_ptr<LoopDevice> ScratchStore::FreshVolume(uint64_t size) {
   return std::make_unique<LoopDevice>(m_fd.Get(), size, !m_image);
 }
 
+std::unique_ptr<LoopDevice> ScratchStore::Region(uint64_t offset, uint64_t size) {
+  return std::make_unique<LoopDevice>(m_fd.Get(), size, !m_image, offset);
+}
+
 std::string ScratchStore::Trouble() const {
   struct statvfs info {};
   if (!m_image || fstatvfs(m_fd.Get(), &info) != 0) return "";

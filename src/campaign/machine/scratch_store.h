@@ -32,6 +32,9 @@ class ScratchStore {
   // so that no row sees what an earlier one left. On a device the loop
   // device bypasses the page cache, so that reads come from the medium.
   std::unique_ptr<LoopDevice> FreshVolume(uint64_t size);
+  // A loop device over `size` bytes from `offset`, as they are: the
+  // write log of a volume over the first bytes.
+  std::unique_ptr<LoopDevice> Region(uint64_t offset, uint64_t size);
   // Drops a device's cached blocks before a read-back.
   void DropCaches() const;
   // What is wrong with the store itself, or "": the filesystem holding an

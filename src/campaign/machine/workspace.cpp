@@ -101,7 +101,7 @@ std::vector<std::string> ClearAbandonedWorkspaces() {
   for (const std::string& directory : directories) {
     const Owner owner = ReadOwner(directory);
     if (owner.pid == 0 || owner.pid == getpid() || CampaignRuns(owner.pid)) continue;
-    Teardown teardown = Sweep(directory, owner.store);
+    Teardown teardown = Sweep(directory, owner.store, owner.pid);
     if (owner.image && !owner.keep && unlink(owner.store.c_str()) == 0) teardown.undone.push_back("removed " + owner.store);
     if (const std::string left = RemoveDirectory(directory); left.empty())
       teardown.undone.push_back("removed " + directory);

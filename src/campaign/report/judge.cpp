@@ -108,6 +108,8 @@ Verdict JudgeStep(const StepObservation& step) {
   for (const Run& run : step.runs) JudgeRun(run, verdict);
   for (const FileRead& file : step.files) JudgeFile(file, verdict);
   for (const std::string& disagreement : step.disagreements) Hazard(verdict, "two reads disagree: " + disagreement);
+  for (const std::string& mount : step.promised_mounts)
+    if (mount != "taken") Hazard(verdict, "the driver did not take the volume it left at a flush: " + mount);
   const std::vector<uint64_t>& passes = step.repair_passes;
   if (passes.size() > 1 && passes[1] != 0)
     Hazard(verdict, fmt::format("the repair did not finish in one pass: pass 2 changed {} {}", passes[1],

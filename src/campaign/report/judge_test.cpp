@@ -125,6 +125,12 @@ TEST(Judge, TheKernelTheDaemonAndASecondRepairPass) {
   EXPECT_EQ(JudgeStep(repair).reasons,
             (std::vector<std::string>{"the repair did not finish in one pass: pass 2 changed 1 sector",
                                       "the repair does not converge: pass 3 still changed 1 sector"}));
+  StepObservation promised;
+  promised.promised_mounts = {"taken"};
+  EXPECT_EQ(Said(JudgeStep(promised)), "ok");
+  promised.promised_mounts.push_back("taken read-only");
+  EXPECT_EQ(JudgeStep(promised).reasons,
+            std::vector<std::string>{"the driver did not take the volume it left at a flush: taken read-only"});
   StepObservation skipped = Ran(Purpose::kLook, Exit(8));
   skipped.skipped = "not mounted";
   EXPECT_EQ(Said(JudgeStep(skipped)), "SKIP");

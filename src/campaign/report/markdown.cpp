@@ -56,13 +56,18 @@ std::string Line(const std::vector<std::string>& cells) {
 }  // namespace
 
 std::string MarkdownTables(const std::vector<std::string>& stack, const std::vector<RowRecord>& rows) {
-  std::string damage, volume, images;
+  std::string damage, volume, images, power_cut;
   for (const RowRecord& row : rows) {
     const std::string name = "`" + row.row->name + "`";
     if (row.row->fuzz) continue;  // in the field matrices
     if (!row.row->image.empty()) {
       images += Line({name, StepCell(row, "check"), StepCell(row, "mount"), StepCell(row, "read"),
                       StepCell(row, "write"), StepCell(row, "repair"), KernelCell(row), VerdictCell(row)});
+    } else if (!row.row->power_cut.empty()) {
+      const bool torn = row.row->power_cut == kTornRow;
+      power_cut += Line({name, StepCell(row, torn ? "replay" : "make"), StepCell(row, "check"), StepCell(row, "mount"),
+                         StepCell(row, "read"), StepCell(row, "flushes"), StepCell(row, "repair"), KernelCell(row),
+                         VerdictCell(row)});
     } else if (row.row->damage) {
       damage += Line({name, StepCell(row, "check"), StepCell(row, "mount"), StepCell(row, "read"),
                       StepCell(row, "write"), StepCell(row, "repair"), KernelCell(row), VerdictCell(row)});
@@ -70,21 +75,23 @@ std::string MarkdownTables(const std::vector<std::string>& stack, const std::vec
       volume += Line({name, StepCell(row, "run"), StepCell(row, "check"), KernelCell(row), VerdictCell(row)});
     }
   }
-  std::string tables;
-  for (const std::string& line : stack) tables += "- " + line + "\n";
-  if (!stack.empty()) tables += "\n";
+  std::vector<std::string> tables;
   if (!damage.empty())
-    tables += "| damage | caught? | mount | read | write | repair | kernel log | verdict |\n"
-              "|---|---|---|---|---|---|---|---|\n" + damage;
-  if (!damage.empty() && !volume.empty()) tables += "\n";
+    tables.push_back("| damage | caught? | mount | read | write | repair | kernel log | verdict |\n"
+                     "|---|---|---|---|---|---|---|---|\n" + damage);
   if (!volume.empty())
-    tables += "| test | run | fsck.exfat -n after | kernel log | verdict |\n"
-              "|---|---|---|---|---|\n" + volume;
+    tables.push_back("| test | run | fsck.exfat -n after | kernel log | verdict |\n"
+                     "|---|---|---|---|---|\n" + volume);
   if (!images.empty())
-    tables += std::string(damage.empty() && volume.empty() ? "" : "\n") +
-              "| image | fsck.exfat -n | mount | read twice | write | repair | kernel log | verdict |\n"
-              "|---|---|---|---|---|---|---|---|\n" + images;
-  if (const std::string fields = FieldMatrices(rows); !fields.empty())
-    tables += (damage.empty() && volume.empty() && images.empty() ? "" : "\n") + fields;
-  return tables;
+    tables.push_back("| image | fsck.exfat -n | mount | read twice | write | repair | kernel log | verdict |\n"
+                     "|---|---|---|---|---|---|---|---|\n" + images);
+  if (!power_cut.empty())
+    tables.push_back("| power cut | replayed | fsck.exfat -n | mount | read | flush points | repair | kernel log | verdict |\n"
+                     "|---|---|---|---|---|---|---|---|---|\n" + power_cut);
+  if (const std::string fields = FieldMatrices(rows); !fields.empty()) tables.push_back(fields);
+  std::string text;
+  for (const std::string& line : stack) text += "- " + line + "\n";
+  if (!stack.empty()) text += "\n";
+  for (size_t i = 0; i < tables.size(); ++i) text += (i == 0 ? "" : "\n") + tables[i];
+  return text;
 }

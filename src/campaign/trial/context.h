@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -9,6 +10,8 @@
 #include "campaign/machine/scratch_store.h"
 #include "campaign/trial/golden_volume.h"
 
+struct Recording;
+
 // How long the campaign waits for each kind of program before it calls the
 // step TIMEOUT and stops the program.
 struct Limits {
@@ -16,6 +19,11 @@ struct Limits {
   std::chrono::seconds mount{300};
   std::chrono::seconds test{3600};  // a fill of a slow card takes its time
 };
+
+// The power-cut rows' bounds by default (--points): each point is a
+// replay, a check, a mount and a repair.
+constexpr size_t kDurablePoints = 32;
+constexpr size_t kTornPoints = 64;
 
 // What every row works with.
 struct Context {
@@ -29,4 +37,7 @@ struct Context {
   uint32_t seed;  // the run's: the rows' file contents follow from it
   bool keep_damaged = false;  // each damage row's volume copied as it is once damaged
   GoldenVolume* golden = nullptr;  // the field rows' volume, made by the first of them
+  Recording* recording = nullptr;  // the power-cut rows' log, made by the first of them
+  size_t durable_points = kDurablePoints;  // the most flush points the power-cut rows try
+  size_t torn_points = kTornPoints;        // the most the torn row tries
 };

@@ -36,8 +36,9 @@ std::string Hits(const Aim& aim) {
   return hits;
 }
 
-// mkfs.exfat, the tree, the baseline check; what stops the row, or "".
-std::string MakeVolume(const Context& context, const Row& row, const KnownTree& tree, VolumeUnderTest& volume,
+}  // namespace
+
+std::string MakeTreeVolume(const Context& context, const Row& row, const KnownTree& tree, VolumeUnderTest& volume,
                        StepObservation& step) {
   const ProgramRun mkfs =
       RunProgram({"mkfs.exfat", "-c", std::to_string(row.cluster_bytes), volume.Device()}, kToolLimit);
@@ -64,6 +65,8 @@ std::string MakeVolume(const Context& context, const Row& row, const KnownTree& 
     return step.not_carried_out = "the checker did not find the fresh volume clean: " + baseline.Verdict();
   return "";
 }
+
+namespace {
 
 // A copy of the damaged volume beside the image, for a look at it later.
 void Keep(const Context& context, const Row& row, const VolumeUnderTest& volume, StepObservation& step) {
@@ -110,7 +113,7 @@ std::string Damage(const Context& context, const Row& row, const KnownTree& tree
 std::string MakeDamagedVolume(const Context& context, const Row& row, const KnownTree& tree, VolumeUnderTest& volume,
                               StepObservation& step, Aim& aim) {
   step.lines.push_back(VolumeLine(row.volume_bytes, row.cluster_bytes, volume.Device()));
-  const std::string stop = MakeVolume(context, row, tree, volume, step);
+  const std::string stop = MakeTreeVolume(context, row, tree, volume, step);
   return stop.empty() ? Damage(context, row, tree, volume, step, aim) : stop;
 }
 
@@ -119,7 +122,7 @@ std::string MakeFuzzedVolume(const Context& context, const Row& row, const Known
   step.lines.push_back(VolumeLine(row.volume_bytes, row.cluster_bytes, volume.Device()));
   try {
     if (!context.golden->Made()) {
-      if (const std::string stop = MakeVolume(context, row, tree, volume, step); !stop.empty()) return stop;
+      if (const std::string stop = MakeTreeVolume(context, row, tree, volume, step); !stop.empty()) return stop;
       context.golden->Capture(volume.Device(), row.volume_bytes);
       step.lines.push_back("golden: the field rows' volume, restored before each of the next");
     } else {

@@ -8,6 +8,12 @@
 #include "campaign/trial/rows.h"
 #include "campaign/trial/volume_under_test.h"
 
+// mkfs.exfat with the row's cluster size, the known tree written through
+// the driver, fsck.exfat -n finding the fresh volume clean. Returns what
+// stops the row (the step's `not_carried_out`), or "".
+std::string MakeTreeVolume(const Context& context, const Row& row, const KnownTree& tree, VolumeUnderTest& volume,
+                           StepObservation& step);
+
 // A damage row's make step: mkfs.exfat, the known tree written through the
 // driver, fsck.exfat -n finding the fresh volume clean, the damage aimed at
 // the volume's own layout (into `aim`) and applied with `qvexfat-test -d`,

@@ -73,6 +73,9 @@ struct StepObservation {
   std::vector<uint64_t> repair_passes;
   // Where two reads of the same volume, one after the other, disagreed.
   std::vector<std::string> disagreements;
+  // Mounts of volumes the driver left itself at a flush, which it must
+  // take again as they are: how each went ("taken", "refused (EIO)").
+  std::vector<std::string> promised_mounts;
 };
 
 // What a row tells as it goes: the campaign reports each step as soon as

@@ -6,6 +6,8 @@
 #include <filesystem>
 
 #include "campaign/machine/user_image.h"
+#include "campaign/power/recording.h"
+#include "campaign/power/workload.h"
 
 namespace {
 
@@ -115,6 +117,22 @@ const std::vector<Row>& FieldRows() {
   return rows;
 }
 
+const std::vector<Row>& PowerCutRows() {
+  static const std::vector<Row> rows = [] {
+    std::vector<Row> all;
+    std::vector<std::string> points = Workload(KnownTree("", 0), 0).Marks();
+    points.push_back(kTornRow);
+    for (const std::string& point : points) {
+      Row row{"power-cut." + point, false, kDamageVolume, k4K, "", nullptr};
+      row.power_cut = point;
+      row.log_bytes = kWriteLogBytes;
+      all.push_back(row);
+    }
+    return all;
+  }();
+  return rows;
+}
+
 std::vector<Row> ImageRows(const std::string& directory, std::string& error) {
   std::vector<std::string> names;
   std::error_code listing;
@@ -148,6 +166,9 @@ std::vector<Row> ImageRows(const std::string& directory, std::string& error) {
 }
 
 std::vector<std::string> StepNames(const Row& row) {
+  if (row.replayed) return {"make", "check", "mount", "repair"};
+  if (row.power_cut == kTornRow) return {"replay", "check", "repair"};
+  if (!row.power_cut.empty()) return {"make", "check", "mount", "read", "flushes", "repair"};
   if (row.damage || !row.image.empty()) return {"make", "check", "mount", "read", "write", "repair"};
   return {"make", "run", "check"};
 }

@@ -8,6 +8,8 @@
 #include "campaign/trial/known_tree.h"
 #include "campaign/trial/volume_layout.h"
 
+struct UserLog;
+
 // What the damage of a row is, aimed at a volume: the description for
 // `qvexfat-test -d DEV -c` and the files whose bytes or entries it hits
 // (a repair may cut those short or lose them), or, when the volume has
@@ -37,13 +39,30 @@ struct Row {
   const FieldFuzz* fuzz = nullptr;
   // Image rows: the image a user brought, tried instead of a volume made.
   std::string image{};
+  // Power-cut rows: the workload's mark whose point the row tries, or
+  // "torn" for the points inside the epochs; and the store's room for the
+  // write log, past the volume.
+  std::string power_cut{};
+  uint64_t log_bytes = 0;
+  // Replay rows: a log the user brought, and which of its points the row tries.
+  UserLog* replayed = nullptr;
+  size_t point = 0;
 };
+
+// How much of the store a row takes: its volume, and its log past it.
+inline uint64_t StoreBytes(const Row& row) { return row.volume_bytes + row.log_bytes; }
 
 // Every damage and volume row, the damage rows first, in the order they
 // run: what a campaign runs when it is not told which.
 const std::vector<Row>& AllRows();
 // A field row for each field, instance and verb of the field table.
 const std::vector<Row>& FieldRows();
+
+constexpr const char* kTornRow = "torn";
+
+// A power-cut row for each mark of the workload, "power-cut.<mark>", then
+// "power-cut.torn".
+const std::vector<Row>& PowerCutRows();
 
 // A row for each image file in `directory` (raw, or compressed with gzip
 // or xz), "image.<file name>", in the order of their names; a manifest

@@ -26,6 +26,10 @@ class VolumeUnderTest {
   // Whether the driver has turned the mounted volume read-only since.
   bool NowReadOnly() const { return m_mount && m_mount->IsReadOnly(m_context.limits.mount); }
 
+  // Drops the device's cached blocks: written from beneath (by a
+  // device-mapper target over the same loop device), the cache is stale.
+  void DropCaches() const { m_loop->DropCaches(); }
+
   StepObservation Begin(const std::string& name);
   void End(StepObservation step);
 
