@@ -1,16 +1,21 @@
 """The README's campaign tables: one for the damage rows and one for the
 volume rows, each with a column per Debian release whose cells are made
-from the Markdown table that release's campaign run wrote. A run checks
-(or, updating, writes) its own release's column and leaves the others be.
+from the Markdown table that release's campaign run wrote; and the
+power-cut table, a column per release summing up its power-cut run. A run
+checks (or, updating, writes) its own release's column and leaves the
+others be.
 
-In the README the tables stand between the lines BEGIN and END, the damage
-table first, a blank line between them.
+In the README the campaign tables stand between the lines BEGIN and END,
+the damage table first, a blank line between them; the power-cut table
+between POWER_BEGIN and POWER_END.
 """
 
 import re
 
 BEGIN = "<!-- campaign tables: test/cases/kernel-*/campaign -->"
 END = "<!-- end of the campaign tables -->"
+POWER_BEGIN = "<!-- power-cut table: test/cases/kernel-*/power-cut -->"
+POWER_END = "<!-- end of the power-cut table -->"
 DEBIAN = {"bullseye": 11, "bookworm": 12, "trixie": 13}
 
 
@@ -101,3 +106,38 @@ def update(readme, release, kernel, checker, damage_table, volume_table):
         merged.append(table)
         changes.append((old, new))
     return head + BEGIN + "\n" + "\n".join(merged) + "\n" + END + tail, changes
+
+
+def power_cut_column(release, kernel, checker, run_table):
+    """{measure: cell} of this release's power-cut run, with the heading
+    under None: the points at the marks and at the flushes inside the
+    steps, clean or not, each row not ok named; the torn points damaged,
+    repaired, with a durable file lost."""
+    header, rows = parse(run_table)
+    fields = [dict(zip(header, cells)) for cells in rows]
+    marks = [f for f in fields if f["power cut"] != "`power-cut.torn`"]
+    torn = next(f for f in fields if f["power cut"] == "`power-cut.torn`")
+    not_ok = [f"{f['power cut']} ({'; '.join(dict.fromkeys(f['verdict'].split('<br>')[1:]))})"
+              for f in marks if f["verdict"] != "ok"]
+    flushes = [re.match(r"(\d+) points?: (\d+) damaged, (\d+) refused", f["flush points"]) for f in marks]
+    flushes = [m for m in flushes if m]
+    clean_flushes = sum(int(m.group(1)) - max(int(m.group(2)), int(m.group(3))) for m in flushes)
+    column = {None: heading(release, kernel, checker)}
+    column["marks: clean, mounted, every durable file there"] = (
+        f"{len(marks) - len(not_ok)} of {len(marks)}" + "".join(f"<br>not ok: {n}" for n in not_ok))
+    column["flushes inside a step: clean and mounted"] = f"{clean_flushes} of {sum(int(m.group(1)) for m in flushes)}"
+    column["torn points: damaged"] = torn["fsck.exfat -n"]
+    column["torn points: repaired, durable files lost"] = torn["repair"]
+    column["torn points: verdict"] = torn["verdict"]
+    return column
+
+
+def update_power_cut(readme, release, kernel, checker, table):
+    """(the README with this release's power-cut column, [(old lines, new lines)])."""
+    if POWER_BEGIN not in readme or POWER_END not in readme:
+        raise ValueError(f"README.md has no {POWER_BEGIN} ... {POWER_END}")
+    head, rest = readme.split(POWER_BEGIN, 1)
+    old_table, tail = rest.split(POWER_END, 1)
+    merged, old, new = merge(old_table.strip("\n"), "power cut", release,
+                             power_cut_column(release, kernel, checker, table))
+    return head + POWER_BEGIN + "\n" + merged + POWER_END + tail, [(old, new)]

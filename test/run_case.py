@@ -720,6 +720,25 @@ class Case:
                 self.read_file(damage_path).decode(), self.read_file(volume_path).decode())
         except (KeyError, ValueError) as e:
             raise CaseError(f"readme: {e}")
+        self.readme_result(readme_path, updated, changes)
+
+    def step_readme_power_cut(self, release, path):
+        """Whether the README's power-cut table holds this release's column
+        as this run makes it from the Markdown the campaign wrote; with
+        --update the README takes it."""
+        self.record(f"$ readme-power-cut {release} {path}")
+        said = dict(line[2:].split(": ", 1) for line in self.transcript
+                    if line.startswith(("# kernel: ", "# checker: ")))
+        readme_path = os.path.join(os.path.dirname(HERE), "README.md")
+        try:
+            updated, changes = campaign_tables.update_power_cut(
+                open(readme_path).read(), release, said["kernel"], said["checker"],
+                self.read_file(path).decode())
+        except (KeyError, ValueError, StopIteration) as e:
+            raise CaseError(f"readme-power-cut: {e!r}")
+        self.readme_result(readme_path, updated, changes)
+
+    def readme_result(self, readme_path, updated, changes):
         if self.args.update:
             open(readme_path, "w").write(updated)
             self.record("the same")
@@ -985,7 +1004,7 @@ STEPS_THAT_LOOK = {"run", "changes", "fsck", "loop", "mount", "volume", "campaig
 MOUNTING_STEPS = {"loop", "mount", "volume", "campaign", "campaign-verdicts", "campaign-to", "interrupt",
                   "signals"}
 IN_THE_MACHINE = {"machine", "image", "mkfs", "volume", "loop", "mount", "unmount", "rand",
-                  "copy", "campaign", "campaign-verdicts", "markdown", "readme",
+                  "copy", "campaign", "campaign-verdicts", "markdown", "readme", "readme-power-cut",
                   "timeout", "run", "sh", "fsck", "ls", "count", "md5", "period"}
 
 

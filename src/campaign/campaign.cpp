@@ -239,7 +239,7 @@ int RunCampaign(int argc, char* argv[]) {
   }
   UserLog user_log;
   std::vector<Row> replay_rows;
-  if (!options.replay.empty())
+  if (error.empty() && !options.replay.empty())
     replay_rows = ReplayRows(options.replay, options.base, options.points.value_or(kDurablePoints), user_log, error);
   // Images and a log are run alone unless rows are named.
   std::vector<const Row*> rows;

@@ -137,12 +137,10 @@ bool DmDeviceExists(const std::string& name) {
 }
 
 std::string DmTargetMissing(const std::string& target) {
-  if (access(kControl, F_OK) != 0) return std::string("no device-mapper (") + kControl + " is missing: the dm-mod module)";
   // Asking for the target's version loads its module where the kernel can.
   DmCall call(target);
   const int error = call.Issue(DM_GET_TARGET_VERSION);
   if (error == 0) return "";
-  if (error == EINVAL)
-    return "the kernel has no " + target + " target (the dm-" + target + " module)";
-  return "device-mapper does not answer (" + ErrorName(error) + ")";
+  if (error == EINVAL) return "the kernel has no " + target + " target (the dm-" + target + " module)";
+  return std::string("the kernel has no device-mapper (the dm-mod module): ") + kControl + ": " + ErrorName(error);
 }

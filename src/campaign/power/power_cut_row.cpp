@@ -220,8 +220,10 @@ class PowerCutRow {
       const CheckerRun after = RunChecker(m_context.checker, "-n", m_volume.Device(), m_context.limits.checker);
       step.runs.push_back({Purpose::kMustBeClean, after.label, after.run.end});
       repaired += damaged[i] && after.Clean();
-      std::string said = fmt::format("entry {}: repaired {} {}", points[i].entry, passes.front(),
-                                     passes.front() == 1 ? "sector" : "sectors");
+      std::string said = fmt::format("entry {}: ", points[i].entry) +
+                         (passes.front() == 0 ? "the repair changed nothing"
+                                              : fmt::format("repaired {} {}", passes.front(),
+                                                            passes.front() == 1 ? "sector" : "sectors"));
       for (size_t pass = 1; pass < passes.size(); ++pass)
         if (passes[pass] != 0 || pass > 1) said += fmt::format(", pass {} changed {}", pass + 1, passes[pass]);
       said += after.Clean() ? ", then clean" : ", then " + after.Verdict() + ": " + after.FirstLine();
@@ -246,12 +248,15 @@ class PowerCutRow {
   }
 
   // The files a cut at `point` must leave: those durable at the mark that
-  // ends its epoch, but for what the step under way touches.
+  // ends its step, but for what the step touches; past the workload's last
+  // mark (where the logger's own end mark closes the log), all it left.
   std::vector<TreeFile> DurableBefore(const ReplayPoint& point) const {
     const std::vector<LogEntry>& entries = Log().entries.entries;
+    const std::vector<std::string>& marks = m_workload.Marks();
     for (size_t i = point.applied; i < entries.size(); ++i)
-      if (entries[i].IsMark()) return m_workload.DurableAt(entries[i].mark, true);
-    return m_workload.DurableAt(Workload::kUnmounted);
+      if (entries[i].IsMark() && std::find(marks.begin(), marks.end(), entries[i].mark) != marks.end())
+        return m_workload.DurableAt(entries[i].mark, true);
+    return m_workload.DurableAt(marks.back());
   }
 
   Context& m_context;
