@@ -148,36 +148,38 @@ class PowerCutRow {
 
   // The flush and FUA points inside the step before the mark (fsync of
   // one file while another is written): each must be clean and mount, with
-  // what was durable before the step intact. The volume is left at the
-  // mark again, for the repair.
+  // what was durable before the step intact, and repair to that. The
+  // volume is left at the mark again, for the repair step.
   void Flushes() {
     StepObservation step = m_volume.Begin("flushes");
     const std::vector<ReplayPoint> points = FlushesBeforeMark();
     const std::vector<TreeFile> durable = m_workload.DurableAt(m_row.power_cut, true);
-    size_t damaged = 0, refused = 0;
+    size_t kept = 0;  // points clean, taken, every durable file there, and so after a repair
     for (const ReplayPoint& point : points) {
       std::string said = PointLine(point);
       if (Restore(point, step).empty()) break;
       const CheckerRun run = RunChecker(m_context.checker, "-n", m_volume.Device(), m_context.limits.checker);
       step.runs.push_back({Purpose::kMustBeClean, run.label, run.run.end});
       said += ": " + (run.Verdict() == "damage" ? "damage: " + run.FirstLine() : run.Verdict());
-      damaged += !run.Clean();
       const std::string mounted = m_volume.Mount(step);
       step.promised_mounts.push_back(mounted);
       said += "; mount " + mounted;
+      bool intact = false;
       if (m_volume.Mounted()) {
-        said += "; " + Summarize(m_volume.Read(step, durable, Expect::kDurable));
+        const std::vector<FileRead> reads = m_volume.Read(step, durable, Expect::kDurable);
+        intact = std::all_of(reads.begin(), reads.end(), [](const FileRead& r) { return r.state == FileState::kSame; });
+        said += "; " + Summarize(reads);
         m_volume.Unmount(step);
-      } else {
-        ++refused;
       }
-      step.lines.push_back(said);
+      const Repaired repair = RepairHere(step, durable);
+      kept += run.Clean() && mounted == "taken" && intact && repair.clean && repair.intact && repair.passes <= 1;
+      step.lines.push_back(said + "; then " + repair.said);
     }
     if (points.empty()) step.skipped = "no flush inside the step";
     else if (step.not_carried_out.empty()) Restore(m_point, step);
     step.said = step.cell = points.empty() ? "none"
-                                           : fmt::format("{} {}: {} damaged, {} refused", points.size(),
-                                                         points.size() == 1 ? "point" : "points", damaged, refused);
+                                           : fmt::format("{} of {} {} kept", kept, points.size(),
+                                                         points.size() == 1 ? "point" : "points");
     m_volume.End(std::move(step));
   }
 
@@ -201,50 +203,66 @@ class PowerCutRow {
     m_volume.End(std::move(step));
   }
 
-  // fsck -y at each point until a pass changes nothing, at most kPasses
-  // times; -n; the files durable before the point's step read back. The
-  // passes of the point that needed the most stand for the step.
+  // The torn points repaired in turn, each from its cut.
   void TornRepairs(const std::vector<ReplayPoint>& points, const std::vector<bool>& damaged) {
     StepObservation step = m_volume.Begin("repair");
     size_t repaired = 0, lost = 0;
     for (size_t i = 0; i < points.size(); ++i) {
       if (Restore(points[i], step).empty()) break;
-      std::vector<uint64_t> passes;
-      do {
-        const SectorSnapshot before(m_volume.Device());
-        const CheckerRun repair = RunChecker(m_context.checker, "-y", m_volume.Device(), m_context.limits.checker);
-        step.runs.push_back({Purpose::kRepair, repair.label, repair.run.end});
-        passes.push_back(SectorSnapshot(m_volume.Device()).ChangedSince(before).size());
-      } while (passes.back() != 0 && passes.size() < kPasses);
-      if (passes.size() > step.repair_passes.size()) step.repair_passes = passes;
-      const CheckerRun after = RunChecker(m_context.checker, "-n", m_volume.Device(), m_context.limits.checker);
-      step.runs.push_back({Purpose::kMustBeClean, after.label, after.run.end});
-      repaired += damaged[i] && after.Clean();
-      std::string said = fmt::format("entry {}: ", points[i].entry) +
-                         (passes.front() == 0 ? "the repair changed nothing"
-                                              : fmt::format("repaired {} {}", passes.front(),
-                                                            passes.front() == 1 ? "sector" : "sectors"));
-      for (size_t pass = 1; pass < passes.size(); ++pass)
-        if (passes[pass] != 0 || pass > 1) said += fmt::format(", pass {} changed {}", pass + 1, passes[pass]);
-      said += after.Clean() ? ", then clean" : ", then " + after.Verdict() + ": " + after.FirstLine();
-      const std::vector<TreeFile> durable = DurableBefore(points[i]);
-      const std::string mounted = m_volume.Mount(step);
-      std::vector<FileRead> reads;
-      if (m_volume.Mounted()) {
-        reads = m_volume.Read(step, durable, Expect::kDurable);
-        m_volume.Unmount(step);
-      } else {
-        // Files the repaired volume does not show are lost all the same.
-        for (const TreeFile& file : durable) reads.push_back({file.label, Expect::kDurable, FileState::kMissing, "not mounted: " + mounted});
-        step.files.insert(step.files.end(), reads.begin(), reads.end());
-      }
-      const bool intact = std::all_of(reads.begin(), reads.end(), [](const FileRead& r) { return r.state == FileState::kSame; });
-      lost += !intact;
-      if (damaged[i] || !after.Clean() || !intact || (passes.size() > 1 && passes[1] != 0)) step.lines.push_back(said + "; " + Summarize(reads));
+      const Repaired repair = RepairHere(step, DurableBefore(points[i]));
+      repaired += damaged[i] && repair.clean;
+      lost += !repair.intact;
+      if (damaged[i] || !repair.clean || !repair.intact || repair.passes > 1)
+        step.lines.push_back(fmt::format("entry {}: {}", points[i].entry, repair.said));
     }
     step.said = step.cell = fmt::format("{} of {} damaged repaired, {} with a durable file lost", repaired,
                                         std::count(damaged.begin(), damaged.end(), true), lost);
     m_volume.End(std::move(step));
+  }
+
+  struct Repaired {
+    bool clean = false;   // fsck -n found the repaired volume clean
+    bool intact = false;  // every durable file read as written
+    size_t passes = 0;    // fsck -y passes that changed something
+    std::string said;
+  };
+
+  // The volume as it is repaired: fsck -y until a pass changes nothing, at
+  // most kPasses times; -n; the durable files read back. The passes of the
+  // repair that needed the most stand for the step.
+  Repaired RepairHere(StepObservation& step, const std::vector<TreeFile>& durable) {
+    std::vector<uint64_t> passes;
+    do {
+      const SectorSnapshot before(m_volume.Device());
+      const CheckerRun repair = RunChecker(m_context.checker, "-y", m_volume.Device(), m_context.limits.checker);
+      step.runs.push_back({Purpose::kRepair, repair.label, repair.run.end});
+      passes.push_back(SectorSnapshot(m_volume.Device()).ChangedSince(before).size());
+    } while (passes.back() != 0 && passes.size() < kPasses);
+    if (passes.size() > step.repair_passes.size()) step.repair_passes = passes;
+    const CheckerRun after = RunChecker(m_context.checker, "-n", m_volume.Device(), m_context.limits.checker);
+    step.runs.push_back({Purpose::kMustBeClean, after.label, after.run.end});
+    Repaired repaired;
+    repaired.clean = after.Clean();
+    repaired.passes = static_cast<size_t>(std::count_if(passes.begin(), passes.end(), [](uint64_t n) { return n != 0; }));
+    repaired.said = passes.front() == 0 ? "the repair changed nothing"
+                                        : fmt::format("repaired {} {}", passes.front(), passes.front() == 1 ? "sector" : "sectors");
+    for (size_t pass = 1; pass < passes.size(); ++pass)
+      if (passes[pass] != 0 || pass > 1) repaired.said += fmt::format(", pass {} changed {}", pass + 1, passes[pass]);
+    repaired.said += after.Clean() ? ", then clean" : ", then " + after.Verdict() + ": " + after.FirstLine();
+    const std::string mounted = m_volume.Mount(step);
+    std::vector<FileRead> reads;
+    if (m_volume.Mounted()) {
+      reads = m_volume.Read(step, durable, Expect::kDurable);
+      m_volume.Unmount(step);
+    } else {
+      // Files the repaired volume does not show are lost all the same.
+      for (const TreeFile& file : durable)
+        reads.push_back({file.label, Expect::kDurable, FileState::kMissing, "not mounted: " + mounted});
+      step.files.insert(step.files.end(), reads.begin(), reads.end());
+    }
+    repaired.intact = std::all_of(reads.begin(), reads.end(), [](const FileRead& r) { return r.state == FileState::kSame; });
+    repaired.said += "; " + Summarize(reads);
+    return repaired;
   }
 
   // The files a cut at `point` must leave: those durable at the mark that

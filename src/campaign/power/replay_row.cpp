@@ -53,6 +53,7 @@ void RunReplayRow(Context& context, const Row& row, uint32_t seed, RowListener& 
   RepairStep(
       volume,
       [&](StepObservation& step) {
+        step.lines.push_back("VolumeDirty after the repair: " + VolumeDirty(volume.Device()));
         const Walk walk = WalkVolume(context.mount_point, context.limits.mount);
         step.runs.push_back({Purpose::kWork, "reading the volume", walk.end});
         if (!walk.finished) return "not read: " + walk.end.Describe();
