@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
-# Runs the whole damage campaign on Debian unstable (sid): its newest arm64
-# kernel, exfatprogs and busybox in the emulated arm64 machine, with the
-# static programs. It reports and never fails on what the campaign finds:
-# unstable moves under us, so its results are news, not a regression. It
-# fails only when it cannot run (nothing fetched, no machine), saying why.
+# Runs the whole damage campaign, then the power-cut rows, on Debian
+# unstable (sid): its newest arm64 kernel, exfatprogs and busybox in the
+# emulated arm64 machine, with the static programs. It reports and never
+# fails on what the campaign finds: unstable moves under us, so its results
+# are news, not a regression. It fails only when it cannot run (nothing
+# fetched, no machine), saying why.
 #
 #   scripts/campaign-sid.sh [--markdown FILE]
 #
@@ -31,5 +32,9 @@ echo "# Debian unstable: $(tr '\n' ';' <build/kernel-cache/sid/versions | sed 's
 status=0
 run "TMPDIR=/tmp qvexfat-campaign --image /tmp/campaign.img --markdown /tmp/campaign.md" || status=$?
 echo "# the campaign exited with $status (0: every row ok, 1: a row not ok, 2: it could not run)"
+power=0
+run "TMPDIR=/tmp qvexfat-campaign --image /tmp/power-cut.img --only power-cut --markdown /tmp/power-cut.md" ||
+  power=$?
+echo "# the power-cut rows exited with $power (4: the kernel has no dm-log-writes)"
 echo
-run "cat /tmp/campaign.md" | tee ${markdown:+"$markdown"}
+run "cat /tmp/campaign.md; echo; cat /tmp/power-cut.md 2>/dev/null" | tee ${markdown:+"$markdown"}
