@@ -411,9 +411,15 @@ int main(int argc, char** argv) {
   fuse_opt_add_arg(&args, "-ofsname=faultfs,subtype=faultfs");
   int status = fuse_main(args.argc, args.argv, &ops, nullptr);
   fuse_opt_free_args(&args);
-  if (options.unmount_backing && umount2(root.c_str(), 0) != 0) {
-    fprintf(stderr, "faultfs: unmounting %s: %s\n", root.c_str(), strerror(errno));
-    return 1;
+  // A FUSE backing mount takes the releases of the files faultfs closed
+  // on its own time: it is busy for a moment after the last of them.
+  for (int attempt = 0; options.unmount_backing; ++attempt) {
+    if (umount2(root.c_str(), 0) == 0) break;
+    if (errno != EBUSY || attempt == 100) {
+      fprintf(stderr, "faultfs: unmounting %s: %s\n", root.c_str(), strerror(errno));
+      return 1;
+    }
+    usleep(100 * 1000);
   }
   return status;
 }
